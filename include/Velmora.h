@@ -387,6 +387,20 @@ public:
     int nBottleNeckUnit;
 };
 
+// ---- The shell's command table --------------------------------------------------------
+
+// One word of the shell. A row with a null szName ends the table.
+struct ShellCommandEntry {
+    const char* szName;       // the full word
+    const char* szShortName;  // the short word (may be the same text)
+    int nCommandID;           // the id subscribers receive
+    bool bRepeatable;         // may be repeated, and is remembered as the last command
+    bool bLocalOnly;          // refused from a remote source
+};
+
+// The 11 words every server answers, then the end row.
+extern VELMORA_API const ShellCommandEntry _G_ShellCommands[12];
+
 // ---- The service object --------------------------------------------------------------
 
 // One entry of the tag table.
@@ -431,6 +445,37 @@ public:
     // failed open. Every call with bTextMode true writes the "START" banner into the log.
     CQuorelLog* GetLogClient(const char* szLogName, bool bTextMode, bool bDirectFile,
                              bool bPersistent);
+
+    // -- Shell
+    // 0 for "repeat", the command id of a word of the table (full or short, ASCII case
+    // folded), -1 for anything else.
+    int GetShellCommand(const char* szCommand);
+    // Takes the first option ("-name value", "-name=value", "-name \"quoted value\"") of
+    // szText: its name into szOption, its value into szValue, and returns where the next
+    // call goes on, or null. A buffer is written only as the option grammar says; otherwise
+    // it keeps what it held. The buffers must hold the longest name or value of the text.
+    const char* GetCMDOption(const char* szText, char* szOption, char* szValue);
+    // The same with the sizes of the two buffers: a longer name or value is cut to fit,
+    // with its terminator.
+    const char* GetCMDOption(const char* szText, char* szOption, size_t nOptionSize,
+                             char* szValue, size_t nValueSize);
+
+    // -- Maintenance: the subscribers, smallest GetSubscribeOrder first
+    void SubscribeMaitenance(CMaintenanceInf* pSubscriber);
+    void UnsubscribeMaitenance(CMaintenanceInf* pSubscriber);
+    bool PrepareDailyMaintenance(const char* sz1, const char* sz2, const char* sz3);
+    bool DoDailyMaintenance(const char* sz1, const char* sz2, const char* sz3);
+    void PostDailyMaintenance(bool bSucceeded, const char* sz1, const char* sz2,
+                              const char* sz3);
+    void NotifyDailyMaintenanceDone();
+    void DumpRuntimeStates(CQuorelLog* pLog);
+    void NotifyConfigurationReloaded(const char* szWhat);
+    void Suspend();
+    void Resume();
+    void SuspendAndRefresh();
+    bool IsServerUnderSuspension();
+    // Stops the repeating shell commands, then tells the subscribers.
+    void PrepareSystemsShutdown();
 
     // -- Monitor
     void EnableStatusMonitor();
