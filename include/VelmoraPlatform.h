@@ -113,6 +113,7 @@ typedef struct _SERVICE_STATUS {
 // ---- Constants -----------------------------------------------------------------------
 
 #define CREATE_SUSPENDED 0x00000004u
+#define STILL_ACTIVE 259u
 
 #define THREAD_PRIORITY_IDLE (-15)
 #define THREAD_PRIORITY_LOWEST (-2)
@@ -159,11 +160,18 @@ typedef struct _SERVICE_STATUS {
 #define SERVICE_PAUSED 7u
 #define SERVICE_WIN32_OWN_PROCESS 0x10u
 
+#define CTRL_C_EVENT 0u
+#define CTRL_BREAK_EVENT 1u
+#define CTRL_CLOSE_EVENT 2u
+#define CTRL_LOGOFF_EVENT 5u
+#define CTRL_SHUTDOWN_EVENT 6u
+
 #define SW_HIDE 0
 #define SW_SHOWNORMAL 1
 
 typedef unsigned (*VELMORA_BEGINTHREADEX_PROC)(void*);
 typedef DWORD (*LPTHREAD_START_ROUTINE)(LPVOID);
+typedef BOOL (*PHANDLER_ROUTINE)(DWORD dwCtrlType);
 
 extern "C" {
 
@@ -299,6 +307,14 @@ VELMORA_PLATFORM_API BOOL CloseServiceHandle(SC_HANDLE hSCObject);
 VELMORA_PLATFORM_API HINSTANCE ShellExecuteA(HWND hwnd, LPCSTR lpOperation, LPCSTR lpFile,
                                              LPCSTR lpParameters, LPCSTR lpDirectory,
                                              int nShowCmd);
+
+// ---- Console control ------------------------------------------------------------------
+
+// Registers (Add TRUE) or removes a routine called on a thread of its own when the process
+// is asked to stop: SIGINT as CTRL_C_EVENT, SIGHUP as CTRL_CLOSE_EVENT, SIGTERM as
+// CTRL_SHUTDOWN_EVENT. Routines run last registered first until one returns TRUE; when none
+// does, the process ends with 128 plus the signal's number.
+VELMORA_PLATFORM_API BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE HandlerRoutine, BOOL Add);
 
 }  // extern "C"
 
