@@ -41,7 +41,8 @@ public:
     void LogLongMsg(const char* szPrefix, char* szMsg);
     // Returns when every record handed in before the call is in the file.
     void FlushLog();
-    // The full path of the file the client writes now, cut to fit nSize with a terminator.
+    // The full path of the file that records handed in from now on go to (a session or
+    // date switch counts as soon as it is handed in), cut to fit nSize with a terminator.
     void GetFullLogPath(char* szBuffer, int nSize);
     // Writes what is pending and closes the file; later records are dropped.
     void Close();
@@ -69,6 +70,8 @@ public:
     void Stop(int nMode);
     // Hands one alert text to the monitor.
     void AlertMsg(const char* szText);
+    // The time-out the last Start was given (0 before any), for a watcher of the connection.
+    int GetStartTimeout();
 
 private:
     struct Impl;
