@@ -104,3 +104,18 @@ TEST(StatusMonitor, FailedStartKeepsTheClientUntilDisconnected) {
     velmora.DisconnectMonitor(true);
     _G_Directory = nullptr;
 }
+
+TEST(StatusMonitor, TheConfiguredTimeOutReachesStart) {
+    velmora_test::TempDir logs;
+    SettingsDirectory directory;
+    _G_Directory = &directory;
+    EXPECT_TRUE(velmora.ConnectMonitor(false, logs.file("m.log").c_str()));
+    EXPECT_EQ(velmora.pMonitor->GetStartTimeout(), 120);  // nothing configured
+    velmora.DisconnectMonitor(true);
+    directory.ints["1:MONITOR_TIMEOUT"] = 30;
+    directory.ints["2:MONITOR_TIMEOUT"] = 99;  // another section kind isn't read
+    EXPECT_TRUE(velmora.ConnectMonitor(false, logs.file("m.log").c_str()));
+    EXPECT_EQ(velmora.pMonitor->GetStartTimeout(), 30);
+    velmora.DisconnectMonitor(true);
+    _G_Directory = nullptr;
+}
