@@ -354,7 +354,9 @@ public:
     // Formats into 4096 bytes (what doesn't fit is cut), then writes like Log(char*).
     void Print(const char* szFormat, ...) __attribute__((format(printf, 2, 3)));
     void FlushLog();
-    // Writes the full path of the log into szBuffer, which must hold MAX_PATH characters.
+    // Writes the full path of the log into szBuffer. A direct log writes at most nSize bytes
+    // with a terminator (MAX_PATH when nSize isn't positive); a client log's client writes
+    // its path within nSize; a closed client log leaves the buffer as it is.
     void GetFullLogPath(char* szBuffer, int nSize);
     int GetLongRawMsgThreshHold();
     bool ChangeLogSession(const char* szSession);
@@ -375,8 +377,8 @@ protected:
 public:
     CPeltrix* pClient;
     HANDLE hFile;
-    char szAppName[64];
-    char szLogName[64];
+    char szAppName[64];  // longer names are cut to 63 characters
+    char szLogName[64];  // the same; the key of the log client table
     bool bDirectFile;
     bool bTextMode;
     bool bPersistent;
@@ -386,6 +388,10 @@ public:
     int nProfileCount;
     int nBottleNeckUnit;
 };
+
+// ---- Name locks ----------------------------------------------------------------------
+
+#include "VelmoraNameLock.h"
 
 // ---- The shell's command table --------------------------------------------------------
 
@@ -425,6 +431,15 @@ public:
     CVelmora(const CVelmora&) = delete;
     CVelmora& operator=(const CVelmora&) = delete;
 
+    // -- Life
+    // Guards the application name machine-wide, makes sure the logger runs (unless
+    // nInitOption isn't 0), opens the default log and starts the alert timer thread. False
+    // when the name runs already or the default log can't be opened.
+    bool Init(const char* szAppName, int nInitOption);
+    // Stops the alert timer thread, closes every shared log, the logger session and the
+    // monitor client, and frees the alert records. Final.
+    void Shutdown();
+
     // -- Plugging in
     const char* GetAppName();
     CIMDBRawDataAccessorInf* GetIMDBRawDataAccessor();
@@ -435,7 +450,43 @@ public:
     CRemoteConsoleInf* GetRemoteConsole();
     bool IsMsgReportingEnabled();
 
+    // -- Reports: always to the default log; to the console when the level, the running
+    // shell command and its grep text let them through.
+    void LogReport(Report_Types::DEF nType, const char* szText);
+    void LogReportInColor(Report_Types::DEF nType, DWORD dwColour, const char* szText);
+    void LogFortmatedReport(Report_Types::DEF nType, const char* szFormat, ...)
+        __attribute__((format(printf, 3, 4)));
+    void LogFortmatedReportInColor(Report_Types::DEF nType, DWORD dwColour,
+                                   const char* szFormat, ...)
+        __attribute__((format(printf, 4, 5)));
+    // Passes a block from GlobalAlloc to the console; the caller gives it up in every case.
+    void LogRawMsgReport(Report_Types::DEF nType, char* szBlock);
+    bool IsRawMsgFiltered(Report_Types::DEF nType, void* pMsg);
+    // Values above 22 are stored as 22.
+    void SetReportLevel(int nLevel);
+    // The new level, or -1 (during a shell command, or when it would be negative).
+    int AdjustReportLevel(int nChange);
+    void EnableMsgReporting(bool bEnable);
+    void ToEnableLoggerSysTime();
+
+    // -- Shell output (type 6): to the source's remote console, the log and, at a report
+    // level of 6 or more, the local console. Never held back by a grep or a shell thread.
+    void FSLogReport(const char* szSource, bool bLogOnly, const char* szText);
+    void FSLogReportInColor(const char* szSource, DWORD dwColour, const char* szText);
+    void FSLogFortmatedReport(const char* szSource, bool bLogOnly, const char* szFormat, ...)
+        __attribute__((format(printf, 4, 5)));
+    void FSLogFortmatedReportInColor(const char* szSource, DWORD dwColour,
+                                     const char* szFormat, ...)
+        __attribute__((format(printf, 4, 5)));
+
+    // -- Exception reports: to the monitor, the log and the console.
+    void ReportException(const char* szPlace, const char* szText);
+    void ReportException(const char* szPlace, int nLine, const char* szText);
+
     // -- Engines
+    // The engine's description of the current transaction, written at szBuffer; without an
+    // engine 0xFFFFFFFF and nothing written.
+    DWORD GetTransactionDescr(char* szBuffer);
     virtual bool GetTransactionDomain(char* szDomain, int nDomainSize, char* szSuper,
                                       int nSuperSize, int& nKind);
 
@@ -447,6 +498,11 @@ public:
                              bool bPersistent);
 
     // -- Shell
+    // Runs what an operator typed: szSource null for the local console, else the remote
+    // source's text; the command word; the argument text or null.
+    void ShellCommand(const char* szSource, const char* szCommand, const char* szArguments);
+    // Asks every subscriber for its status; "INI" keeps formatted reports off the console.
+    void PrintRuntimeStatus(const char* szWhat);
     // 0 for "repeat", the command id of a word of the table (full or short, ASCII case
     // folded), -1 for anything else.
     int GetShellCommand(const char* szCommand);
@@ -477,6 +533,13 @@ public:
     // Stops the repeating shell commands, then tells the subscribers.
     void PrepareSystemsShutdown();
 
+    // -- Alerts: reported at once, delivered by the alert timer thread with repeat
+    // suppression and running totals.
+    void AlertMsg(int nLevel, int nEvent, const char* szSource, const char* szRef,
+                  const char* szDescription);
+    void AlertMsg(const char* szText, const char* szFrom);
+    void SetAlertSystem(CAlertSystemInf* pAlertSystem);
+
     // -- Monitor
     void EnableStatusMonitor();
     bool ConnectMonitor(bool bStart, const char* szStart);
@@ -484,6 +547,19 @@ public:
 
 protected:
     CQuorelLog* GetDefaultLog();
+    // The alert timer thread: flushes pending alerts once a second until hStopEvent is set.
+    static unsigned AlertTimerFunction(void* pParam);
+    // Delivers the alerts that are due; only the alert timer thread calls it.
+    void FlushAlerts();
+
+    // The "config" command: finds the option word and hands the tail on.
+    void UpdateConfigure(const char* szArguments);
+    // The library's own share of a reload: "REPORT_LEVEL" and "LOG_LEVEL".
+    void UpdateConfiguration(int nKind, const char* szTail);
+    // Starts or stops the repeat of a command (the word "repeat", or a " repeat" tail).
+    void RepeatShellCommand(const char* szSource, const char* szOptions);
+    // The thread of one repeat.
+    static DWORD RepeatFSCMDFunction(void* pRecord);
 
 public:
     CHarvell* pMonitor;
@@ -530,6 +606,18 @@ public:
     CRITICAL_SECTION csLogClients;
 };
 
+// ---- Free functions ------------------------------------------------------------------
+
+// Formats into szBuffer with the bound nSize, always terminated; the formatter's count, or
+// -1 for a size of 0 or a failure.
+VELMORA_API int _G_SafePrintf(char* szBuffer, size_t nSize, const char* szFormat, ...)
+    __attribute__((format(printf, 3, 4)));
+
+namespace QUOREL_ALERT_SYSTEM {
+// The text of an event code; "Unknown" for a number outside the catalogue. Never null.
+VELMORA_API const char* GetAlertEventDescription(ALERT_EVENT nEvent);
+}
+
 // ---- Exported variables --------------------------------------------------------------
 
 extern VELMORA_API CVelmora velmora;
@@ -539,7 +627,6 @@ extern VELMORA_API bool _G_TraceAll;
 extern VELMORA_API char _G_LogFileFolder[1024];
 extern VELMORA_API char _G_SessionID[64];
 extern VELMORA_API CDirectoryServiceInf* _G_Directory;
-class CNameLock;
 extern VELMORA_API CNameLock* _G_pNameLock;
 extern VELMORA_API CLoginInitializationInf* _G_pLoginInitialization;
 extern VELMORA_API int _G_nGapMS;
