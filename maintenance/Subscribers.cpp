@@ -2,6 +2,7 @@
 // that tell them of the life of the process. The table has no lock: a host subscribes and
 // unsubscribes while no fan-out runs.
 #include "maintenance/SubscriberWalk.h"
+#include "shell/ShellState.h"
 
 using velmora_core::WalkSubscribers;
 
@@ -101,10 +102,12 @@ void CVelmora::SuspendAndRefresh() {
 bool CVelmora::IsServerUnderSuspension() { return bSuspended; }
 
 // Signals every repeating command to stop, gives the repeat threads half a second to end
-// (each tells the subscribers as it goes), then tells the subscribers of the shutdown.
+// (each tells the subscribers as it goes) and waits for any still in a pass, then tells the
+// subscribers of the shutdown. When it returns, no repeat thread calls a subscriber again.
 void CVelmora::PrepareSystemsShutdown() {
-    for (auto& repeat : mapCommandRepeats) SetEvent(repeat.second);
+    velmora_core::StopAllRepeats(*this);
     Sleep(500);
+    velmora_core::WaitForRepeatThreads();
     WalkSubscribers(*this, [](CMaintenanceInf* p) {
         p->PrepareSystemsShutdown();
         return true;
