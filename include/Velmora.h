@@ -374,6 +374,13 @@ protected:
     bool CreateLogFile();
     void PersistenceClose();
 
+    // Profile logs: up to two threads of this log each get a direct log of their own that
+    // repeats their records, with a "Bottle Neck" line for each unit of delay before a record.
+    bool AttachProfile(const char* szProfile, DWORD dwThread, int nGap);
+    void DetachProfile(DWORD dwThread);
+    void StartEventProfiling(int nEvent, int dwThread);
+    void EndEventProfiling(int dwThread);
+
 public:
     CPeltrix* pClient;
     HANDLE hFile;
@@ -483,7 +490,75 @@ public:
     void ReportException(const char* szPlace, const char* szText);
     void ReportException(const char* szPlace, int nLine, const char* szText);
 
-    // -- Engines
+    // -- Engines: each forwarder passes the call to the plugged-in engine, or gives a fixed
+    // answer without one.
+    void EnableTransaction(CFTSInf* pEngine);
+    void EnableMsgBroadcast(CBCTEngineInf* pEngine);
+    bool IsTransactionEnabled();
+    bool BeginTrasaction(void* pContext);
+    void EnableDomainTurbo(const char* szDomain, bool bEnable);
+    void AssignTransactionDomain(const char* szDomain, const char* szSuper, int nKind);
+    void AssignSuperDomain();
+    void FlushTransaction(bool bForce);
+    void RunFiber(int nFiber);
+    DWORD DefineTransaction(DWORD dwTransaction, const char* szName);
+    DWORD GetTotalTransactions();
+    int GetTransactionID();
+    bool CheckDBWatermark(double dWatermark);
+    bool IsDBEngineUnderStress();
+    void SetBarrierTransaction(int nTransaction);
+    void SetBarrierHint(int nHint);
+    int GetBarrierTransaction();
+    void AlignTransaction();
+    bool EnableFIXTransaction(bool bEnable);
+    bool DoFIXTransaction(const char* szMessage);
+    void CommitFIXTransaction(DWORD dwTransaction);
+    void EnforceCommitTransaction();
+    int CommitTrasaction(int& n1, int& n2, DWORD& dw3, char* szBuffer, int nSize, bool b1, bool b2);
+    int CommitBackLog(int nBackLog);
+    void AbortTrasaction();
+    bool IsTransactionEmpty();
+    bool IsTransactionCommitted(int nTransaction);
+    void AttachTransactionIO(void* pIO);
+    bool IsMsgBroadcastEnabled();
+    bool PrepareBroadcast();
+    bool CanBroadcastMessage();
+    int BroadcastMsg(bool bUrgent);
+    void AbortBroadcast();
+
+    // -- Login: forwarded to the login module, with its failures reported.
+    void SetLoginInitializationInf(CLoginInitializationInf* pLogin);
+    bool OnLoginInitializationRequest(const char* szUser, Login_Types::DEF nType, int nSession,
+                                      bool bAdmin);
+    bool OnLoginInitalizationRequestAdminRights(const char* szUser);
+    bool OnLoginInitalizationRequestLinkAccount(const char* szUser);
+
+    // -- Trade date: listeners hear of a new _G_SessionID first, the logger last.
+    bool RegisterDateChangeListener(CTradeDateChangeListenerInf* pListener);
+    void NotifyTradeDateChange();
+
+    // -- Object usage: one counter per kind and direction.
+    void AllocateObject(const char* szName, int nObjectID);
+    void ReleaseObject(const char* szName, int nObjectID);
+
+    // -- Tagging: microseconds from a tag's opening to later points, in the default log.
+    void EnableTaggingSystems(int nEntries);
+    bool IsTaggingSystemEnabled();
+    int BeginTagging(const char* szUnused);
+    DWORD GetTaggingMoment(int nTag);
+    bool TaggingEvent(int nTag, const char* szText, bool bFinish);
+
+    // -- Performance
+    void ReportPerformance(Performance_Types::DEF nType, const char* szClient, int nMS);
+    void SetPerformanceConsole(CPerformanceConsoleInf* pConsole);
+    void EnableReportPerformance(bool bEnable);
+    bool IsReportPerformanceEnabled();
+    // The thread's id when its profile log was attached to the default log, else -1.
+    int ProfilePerformance(const char* szProfile, DWORD dwThread);
+    void StopProfiling(int dwThread);
+    void StartEventProfiling(int nEvent, int dwThread);
+    void EndEventProfiling(int dwThread);
+
     // The engine's description of the current transaction, written at szBuffer; without an
     // engine 0xFFFFFFFF and nothing written.
     DWORD GetTransactionDescr(char* szBuffer);
@@ -551,6 +626,8 @@ protected:
     static unsigned AlertTimerFunction(void* pParam);
     // Delivers the alerts that are due; only the alert timer thread calls it.
     void FlushAlerts();
+    // A new copy of the usage record after pLast (the first for null), or null at the end.
+    _tagObjTracker* GetNextObjectUsages(_tagObjTracker* pLast);
 
     // The "config" command: finds the option word and hands the tail on.
     void UpdateConfigure(const char* szArguments);
