@@ -8,8 +8,8 @@
 // GlobalAlloc: a stamp of 21 characters, the text from byte 21, byte 767 always 0. The log is
 // given a pointer to byte 21, so the text is formatted only once. From the moment the block
 // is handed to the console it is the console's, which frees it with GlobalFree; until then it
-// is the report's, which frees it on every path that doesn't reach the console (ConsoleBlock
-// below), also when a host's exception unwinds the report.
+// is the report's, which frees it on every path that doesn't reach the console (ConsoleBlock,
+// reporting/ConsoleBlock.h), also when a host's exception unwinds the report.
 //
 // Texts longer than their room: the formatter used here (snprintf/vsnprintf) never writes
 // past its bound, so an over-long text is cut, at 746 characters in a console block and at 767
@@ -19,6 +19,8 @@
 // flag) may change at any time on other threads; each is read once per report where it
 // matters, and a report that races with a change may go either way.
 #include "include/Velmora.h"
+#include "reporting/ConsoleBlock.h"
+#include "reporting/StatusFileLines.h"
 #include "reporting/Trace.h"
 
 #include <cstdarg>
@@ -27,14 +29,12 @@
 
 namespace {
 
-constexpr size_t kBlockSize = 768;
-// "[MM/DD HH:MM:SS.mmm] ": the stamp in front of the text of a console block.
-constexpr size_t kStampLength = 21;
-constexpr char kStampFormat[] = "[%02d/%02d %02d:%02d:%02d.%03d] ";
+using velmora_core::ConsoleBlock;
+using velmora_core::kBlockSize;
+using velmora_core::kBlockTextRoom;
+using velmora_core::kStampLength;
+// The stamp of velmora_core::kStampFormat and the text, in one format.
 constexpr char kStampedTextFormat[] = "[%02d/%02d %02d:%02d:%02d.%03d] %s";
-// The room of the text in a block, its terminator included: bytes 21 to 767.
-constexpr size_t kBlockTextRoom = kBlockSize - kStampLength;
-static_assert(kBlockTextRoom == 747);
 
 // The highest report type; SetReportLevel stores no level above it.
 constexpr int kHighestReportType = Report_Types::REPORT_DEBUG;
@@ -53,36 +53,6 @@ constexpr TwinRules kLogReportRules{false, true, false};
 constexpr TwinRules kLogReportInColorRules{false, false, true};
 constexpr TwinRules kLogFortmatedReportRules{true, true, false};
 constexpr TwinRules kLogFortmatedReportInColorRules{false, false, true};
-
-// A console block while it belongs to the report: freed when the owner goes away, unless it
-// was released to the console first.
-class ConsoleBlock {
-public:
-    ConsoleBlock() = default;
-    explicit ConsoleBlock(char* szBlock) : m_szBlock(szBlock) {}
-    ~ConsoleBlock() { Free(); }
-    ConsoleBlock(const ConsoleBlock&) = delete;
-    ConsoleBlock& operator=(const ConsoleBlock&) = delete;
-
-    bool Allocate() {
-        m_szBlock = static_cast<char*>(GlobalAlloc(0, kBlockSize));
-        return m_szBlock != nullptr;
-    }
-    char* Get() const { return m_szBlock; }
-    // The block passes to the console with the call that follows.
-    char* Release() {
-        char* szBlock = m_szBlock;
-        m_szBlock = nullptr;
-        return szBlock;
-    }
-    void Free() {
-        if (m_szBlock != nullptr) GlobalFree(m_szBlock);
-        m_szBlock = nullptr;
-    }
-
-private:
-    char* m_szBlock = nullptr;
-};
 
 // The console gate, tests in their order; the first failure refuses.
 bool PassesConsoleGate(const CVelmora& service, Report_Types::DEF nType, const char* szBlock,
@@ -148,7 +118,7 @@ public:
             return;
         }
         char* szBlock = m_block.Get();
-        WriteStamp(szBlock);
+        velmora_core::WriteConsoleStamp(szBlock);
         if (szFormat == nullptr)
             snprintf(szBlock + kStampLength, kBlockTextRoom, "%s", kNullText);
         else
@@ -179,14 +149,6 @@ public:
     }
 
 private:
-    // The stamp of the formatted twins, written alone: the text goes to byte 21 after it.
-    static void WriteStamp(char* szBlock) {
-        SYSTEMTIME st;
-        GetPeltrixLocalTime(&st, 0);
-        snprintf(szBlock, kBlockSize, kStampFormat, int(st.wMonth), int(st.wDay),
-                 int(st.wHour), int(st.wMinute), int(st.wSecond), int(st.wMilliseconds));
-    }
-
     CVelmora& m_service;
     Report_Types::DEF m_nType;
     CQuorelLog* m_pLog = nullptr;
@@ -226,10 +188,11 @@ void CVelmora::LogFortmatedReport(Report_Types::DEF nType, const char* szFormat,
         report.FormatText(szFormat, args);
         va_end(args);
         report.WriteToLog();
-        // The status file step goes here: on the block path only (report.OnBlockPath()),
-        // behind the log and ahead of the console gate, it writes the pairs of a type 2
-        // "Status[" text (report.Text()) into szStatusFile. It is built with the status
-        // file lines and doesn't exist yet.
+        // The status file step: on the block path only, behind the log and ahead of the
+        // console gate, so that a status print to INI reaches the file with the console
+        // quiet. The pairs of a type 2 "Status[" text go into szStatusFile.
+        if (report.OnBlockPath())
+            velmora_core::WriteStatusFileLines(nType, report.Text(), szStatusFile);
         report.Deliver(kLogFortmatedReportRules, 0);
     VELMORA_TRACE_CATCH("CVelmora::LogFortmatedReport")
 }
