@@ -4,6 +4,7 @@
 // Log is on the path of nearly every operation of the library: it takes no lock, allocates
 // nothing and keeps all its buffers on the stack. A direct record is one WriteFile.
 #include "include/Velmora.h"
+#include "logging/ProfileLogs.h"
 
 #include <cstdio>
 #include <cstring>
@@ -76,13 +77,6 @@ bool AppendCut(char* szBuffer, size_t nSize, const char* szText) {
 int FormatLogPath(char* szBuffer, size_t nSize, const char* szAppName, const char* szLogName) {
     return snprintf(szBuffer, nSize, "%s%s_%s.log", _G_LogFileFolder, szAppName, szLogName);
 }
-
-// The profile step of the two-argument Log: the record of a thread that has a profile slot
-// of this log is also written into that slot's profile log, behind a row of bottleneck
-// marks for the time since the thread's last record. Slots are attached by AttachProfile,
-// which comes with the profile operations; until then no slot is ever in use,
-// nProfileCount stays 0, and Log never reaches this step.
-void ProfileStep(CQuorelLog* /*pCarrier*/, const char* /*szPrefix*/, const char* /*szMsg*/) {}
 
 }  // namespace
 
@@ -216,14 +210,14 @@ void CQuorelLog::Log(const char* szPrefix, const char* szMsg) {
             szCut[kClientCut] = '\0';
             szMsg = szCut;
         }
-        if (nProfileCount != 0) ProfileStep(this, szPrefix, szMsg);
+        if (nProfileCount != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
         pClient->Log(szPrefix, szMsg);
         return;
     }
 
     if (hFile == INVALID_HANDLE_VALUE) return;
     DWORD dwThread = GetCurrentThreadId();
-    if (nProfileCount != 0) ProfileStep(this, szPrefix, szMsg);
+    if (nProfileCount != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
 
     char szRecord[kRecordSize];
     const char* szText = szRecord;
@@ -332,6 +326,13 @@ bool CQuorelLog::ChangeLogSession(const char* szSession) {
 }
 
 void CQuorelLog::PersistenceClose() {
+    // Profile logs still attached end with their carrier, as DetachProfile ends them: each
+    // gets its closing banner, its file is closed and the object freed. This is how the
+    // default log's profiles end at Shutdown. They end before the carrier's own banner,
+    // which so stays out of them. A thread in both slots is detached from slot 0 first.
+    for (int i = 0; i < 2; ++i)
+        if (dwProfileThread[i] != 0) DetachProfile(dwProfileThread[i]);
+
     if (bTextMode) {
         SYSTEMTIME st;
         GetPeltrixLocalTime(&st, 0);
