@@ -140,7 +140,12 @@ public:
     DWORD Wait(DWORD dwMilliseconds) override {
         const Deadline deadline(dwMilliseconds);
         std::unique_lock<std::mutex> lock(m_lock);
-        if (!deadline.WaitFor(m_cv, lock, [&] { return m_signalled; })) return WAIT_TIMEOUT;
+        // A SetEvent of a manual-reset event releases every thread waiting at that moment,
+        // even one that doesn't get to run before a ResetEvent that follows at once: the
+        // count of SetEvent calls tells such a waiter that it was released.
+        const uint64_t setsAtStart = m_sets;
+        auto released = [&] { return m_signalled || (m_manualReset && m_sets != setsAtStart); };
+        if (!deadline.WaitFor(m_cv, lock, released)) return WAIT_TIMEOUT;
         // An automatic-reset event lets exactly one waiter through per SetEvent.
         if (!m_manualReset) m_signalled = false;
         return WAIT_OBJECT_0;
@@ -149,6 +154,7 @@ public:
     void Set() {
         std::lock_guard<std::mutex> lock(m_lock);
         m_signalled = true;
+        ++m_sets;
         // A woken waiter that finds the event taken by a newcomer waits on: the SetEvent
         // still let exactly one thread through.
         if (m_manualReset)
@@ -165,6 +171,7 @@ public:
 private:
     const bool m_manualReset;
     bool m_signalled;
+    uint64_t m_sets = 0;  // SetEvent calls so far
     std::mutex m_lock;
     std::condition_variable m_cv;
 };
