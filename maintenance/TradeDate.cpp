@@ -75,7 +75,7 @@ void CVelmora::NotifyTradeDateChange() {
         nMonth = nDate % 10000 / 100;
         nDay = nDate % 100;
     } else {
-        // YYYY-MM-DD: whatever stands at positions 4 and 7 ends the number before it.
+        // YYYY-MM-DD by positions: what stands at 4 and 7 only has to end the number before it.
         nYear = AsciiToInt(szDate);
         nMonth = NumberAt(szDate, nLength, 5);
         nDay = NumberAt(szDate, nLength, 8);
