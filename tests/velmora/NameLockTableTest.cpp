@@ -222,15 +222,6 @@ TEST(NameLockTable, NamesAreWholeKeysOrderedBytewise) {
     EXPECT_TRUE(TableIsConsistent(lock, 12));
 }
 
-TEST(NameLockTable, ANullNameIsRefusedAndChangesNothing) {
-    NameLockProbe lock(2, true, true);
-    ASSERT_NE(lock.AcquireName("held"), nullptr);
-    TableSnapshot before = Snapshot(lock);
-    EXPECT_EQ(lock.AcquireName(nullptr), nullptr);
-    EXPECT_EQ(lock.ReleaseName(nullptr), nullptr);
-    EXPECT_EQ(Snapshot(lock), before);
-}
-
 TEST(NameLockTable, AnExhaustedPoolBlocksOnlyNewNames) {
     NameLockProbe lock(1, true, false);
     _tagNameLock* only = lock.AcquireName("held");
