@@ -33,7 +33,10 @@ std::string UniqueName(const std::string& stem) {
 
 TempDir::TempDir() {
     const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+    // The test's name, cut short: tests build long paths below this folder (log paths have
+    // a limit of MAX_PATH), and the folder's own length must not depend on the name.
     std::string stem = info ? std::string(info->test_suite_name()) + "." + info->name() : "tmp";
+    if (stem.size() > 24) stem.resize(24);
     m_path = Base() + "/" + UniqueName(stem);
     fs::create_directories(m_path);
 }
