@@ -9,6 +9,7 @@
 // a record can't change between its test and its delivery. All tick arithmetic is unsigned
 // 32-bit, so a wrap of the tick count does no harm.
 #include "alerting/AlertRecord.h"
+#include "core/RelaxedAccess.h"
 #include "include/Velmora.h"
 #include "reporting/Trace.h"
 
@@ -96,7 +97,7 @@ void CVelmora::FlushAlerts() {
     try {
         CSmartLock lock(&csAlerts);
         VELMORA_TRACE("CVelmora::FlushAlerts");
-        const DWORD dwInterval = DWORD(nAlertRepeatMS);
+        const DWORD dwInterval = DWORD(velmora_core::RelaxedLoad(nAlertRepeatMS));
 
         CAlertSystemInf* pSystem =
             std::atomic_ref<CAlertSystemInf*>(pAlertSystem).load(std::memory_order_acquire);
@@ -132,7 +133,7 @@ void CVelmora::FlushAlerts() {
         int nMinutes = 0;
         pDirectory->GetIntSetting(kRepeatIntervalSection, kRepeatIntervalKey, &nMinutes);
         if (nMinutes >= kShortestConfiguredMinutes)
-            nAlertRepeatMS = int(DWORD(nMinutes) * kMillisecondsPerMinute);
+            velmora_core::RelaxedStore(nAlertRepeatMS, int(DWORD(nMinutes) * kMillisecondsPerMinute));
     } catch (const win32_exception& failure) {
         ReportException("CVelmora::FlushAlerts", failure.what());
     }

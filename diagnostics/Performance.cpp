@@ -5,6 +5,7 @@
 // the console and its switch are plain members that a host sets before the threads that
 // report run.
 #include "include/Velmora.h"
+#include "core/RelaxedAccess.h"
 
 #include <cstdio>
 
@@ -35,7 +36,7 @@ void CVelmora::ReportPerformance(Performance_Types::DEF nType, const char* szCli
         szFormat = kTradingLatencyFormat;
         break;
     }
-    if (szFormat != nullptr && debugLevel >= 0 && globalDefaultLog != nullptr) {
+    if (szFormat != nullptr && velmora_core::RelaxedLoad(debugLevel) >= 0 && globalDefaultLog != nullptr) {
         char szText[kReportLength + 1];
         snprintf(szText, sizeof(szText), szFormat, szClient != nullptr ? szClient : kNullClient,
                  nMS);
@@ -43,7 +44,7 @@ void CVelmora::ReportPerformance(Performance_Types::DEF nType, const char* szCli
         globalDefaultLog->Log(nullptr, szText);
     }
     // What the console throws goes to the caller.
-    if (bReportPerformance && pPerformanceConsole != nullptr)
+    if (velmora_core::RelaxedLoad(bReportPerformance) && pPerformanceConsole != nullptr)
         pPerformanceConsole->ReportPerformance(nType, szClient, nMS);
 }
 
@@ -51,9 +52,13 @@ void CVelmora::SetPerformanceConsole(CPerformanceConsoleInf* pConsole) {
     pPerformanceConsole = pConsole;
 }
 
-void CVelmora::EnableReportPerformance(bool bEnable) { bReportPerformance = bEnable; }
+void CVelmora::EnableReportPerformance(bool bEnable) {
+    velmora_core::RelaxedStore(bReportPerformance, bEnable);
+}
 
-bool CVelmora::IsReportPerformanceEnabled() { return bReportPerformance; }
+bool CVelmora::IsReportPerformanceEnabled() {
+    return velmora_core::RelaxedLoad(bReportPerformance);
+}
 
 // The four profiling switches pass straight to the default log: no lock, no trace line.
 // Hosts are to use them only while the default log is open; if they don't, nothing

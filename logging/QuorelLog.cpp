@@ -4,6 +4,7 @@
 // Log is on the path of nearly every operation of the library: it takes no lock, allocates
 // nothing and keeps all its buffers on the stack. A direct record is one WriteFile.
 #include "include/Velmora.h"
+#include "core/RelaxedAccess.h"
 #include "logging/ProfileLogs.h"
 
 #include <cstdio>
@@ -210,14 +211,14 @@ void CQuorelLog::Log(const char* szPrefix, const char* szMsg) {
             szCut[kClientCut] = '\0';
             szMsg = szCut;
         }
-        if (nProfileCount != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
+        if (velmora_core::RelaxedLoad(nProfileCount) != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
         pClient->Log(szPrefix, szMsg);
         return;
     }
 
     if (hFile == INVALID_HANDLE_VALUE) return;
     DWORD dwThread = GetCurrentThreadId();
-    if (nProfileCount != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
+    if (velmora_core::RelaxedLoad(nProfileCount) != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
 
     char szRecord[kRecordSize];
     const char* szText = szRecord;

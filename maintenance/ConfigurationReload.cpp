@@ -11,6 +11,7 @@
 // level and the debug level are plain stores that the reporting threads pick up when they
 // next read them.
 #include "core/AsciiText.h"
+#include "core/RelaxedAccess.h"
 #include "maintenance/SubscriberWalk.h"
 
 #include <cstring>
@@ -133,11 +134,16 @@ void CVelmora::UpdateConfiguration(int nKind, const char* szTail) {
     int nLevel = kHighestReportLevel;
     if (pDirectory != nullptr)
         pDirectory->GetIntSetting(kReloadableSection, "REPORT_LEVEL", &nLevel);
-    nReportLevel = nLevel > kHighestReportLevel ? kHighestReportLevel : nLevel;
-    // Read straight into the debug level: a missing key leaves it as it is, and no limit
-    // applies.
-    if (pDirectory != nullptr)
-        pDirectory->GetIntSetting(kReloadableSection, "LOG_LEVEL", &debugLevel);
+    velmora_core::RelaxedStore(nReportLevel,
+                               nLevel > kHighestReportLevel ? kHighestReportLevel : nLevel);
+    // A missing key leaves the debug level as it is, and no limit applies. The directory
+    // reads into a copy, stored at once: every thread that traces reads the level, and
+    // never sees a half-done write of the host's.
+    if (pDirectory != nullptr) {
+        int nDebugLevel = velmora_core::RelaxedLoad(debugLevel);
+        pDirectory->GetIntSetting(kReloadableSection, "LOG_LEVEL", &nDebugLevel);
+        velmora_core::RelaxedStore(debugLevel, nDebugLevel);
+    }
 
     WalkSubscribers(*this, [](CMaintenanceInf* p) {
         p->ReloadSettings();
@@ -150,7 +156,8 @@ void CVelmora::UpdateConfiguration(int nKind, const char* szTail) {
 // formatted reports off the console until the next status print; anything else, or no
 // argument, clears that. The subscribers get the argument as it came, null included.
 void CVelmora::PrintRuntimeStatus(const char* szWhat) {
-    bRuntimeStatusToIni = szWhat != nullptr && velmora_core::AsciiEqualNoCase(szWhat, "INI");
+    velmora_core::RelaxedStore(bRuntimeStatusToIni,
+                               szWhat != nullptr && velmora_core::AsciiEqualNoCase(szWhat, "INI"));
     WalkSubscribers(*this, [&](CMaintenanceInf* p) {
         p->PrintRuntimeStatus(szWhat);
         return true;

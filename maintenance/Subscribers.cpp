@@ -2,6 +2,7 @@
 // that tell them of the life of the process. The table has no lock: a host subscribes and
 // unsubscribes while no fan-out runs.
 #include "maintenance/SubscriberWalk.h"
+#include "core/RelaxedAccess.h"
 #include "shell/ShellState.h"
 
 using velmora_core::WalkSubscribers;
@@ -77,7 +78,7 @@ void CVelmora::NotifyConfigurationReloaded(const char* szWhat) {
 
 // The flag changes before the subscribers hear of it.
 void CVelmora::Suspend() {
-    bSuspended = true;
+    velmora_core::RelaxedStore(bSuspended, true);
     WalkSubscribers(*this, [](CMaintenanceInf* p) {
         p->Suspend();
         return true;
@@ -85,7 +86,7 @@ void CVelmora::Suspend() {
 }
 
 void CVelmora::Resume() {
-    bSuspended = false;
+    velmora_core::RelaxedStore(bSuspended, false);
     WalkSubscribers(*this, [](CMaintenanceInf* p) {
         p->Resume();
         return true;
@@ -99,7 +100,7 @@ void CVelmora::SuspendAndRefresh() {
     });
 }
 
-bool CVelmora::IsServerUnderSuspension() { return bSuspended; }
+bool CVelmora::IsServerUnderSuspension() { return velmora_core::RelaxedLoad(bSuspended); }
 
 // Signals every repeating command to stop, gives the repeat threads half a second to end
 // (each tells the subscribers as it goes) and waits for any still in a pass, then tells the

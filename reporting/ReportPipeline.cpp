@@ -19,6 +19,7 @@
 // flag) may change at any time on other threads; each is read once per report where it
 // matters, and a report that races with a change may go either way.
 #include "include/Velmora.h"
+#include "core/RelaxedAccess.h"
 #include "reporting/ConsoleBlock.h"
 #include "reporting/StatusFileLines.h"
 #include "reporting/Trace.h"
@@ -30,6 +31,8 @@
 namespace {
 
 using velmora_core::ConsoleBlock;
+using velmora_core::RelaxedLoad;
+using velmora_core::RelaxedStore;
 using velmora_core::kBlockSize;
 using velmora_core::kBlockTextRoom;
 using velmora_core::kStampLength;
@@ -57,15 +60,20 @@ constexpr TwinRules kLogFortmatedReportInColorRules{false, false, true};
 // The console gate, tests in their order; the first failure refuses.
 bool PassesConsoleGate(const CVelmora& service, Report_Types::DEF nType, const char* szBlock,
                        const TwinRules& rules) {
-    if (rules.bStatusToIniGate && service.bRuntimeStatusToIni) return false;
-    if (int(nType) > service.nReportLevel) return false;
+    if (rules.bStatusToIniGate && RelaxedLoad(service.bRuntimeStatusToIni)) return false;
+    if (int(nType) > RelaxedLoad(service.nReportLevel)) return false;
     if (rules.bShellThreadGate) {
-        DWORD dwShellThread = service.dwShellThreadId;
+        DWORD dwShellThread = RelaxedLoad(service.dwShellThreadId);
         if (dwShellThread != 0 && dwShellThread != GetCurrentThreadId()) return false;
     }
-    // The grep text is looked for in the whole block, the stamp included.
-    if (service.szGrepText[0] != '\0' && strstr(szBlock, service.szGrepText) == nullptr)
-        return false;
+    // The grep text is looked for in the whole block, the stamp included. The shell may
+    // change it meanwhile, so the test works on a snapshot; with no grep text (the usual
+    // case) that costs one load.
+    if (RelaxedLoad(service.szGrepText[0]) != '\0') {
+        char szGrep[sizeof(service.szGrepText)];
+        velmora_core::RelaxedLoadText(service.szGrepText, szGrep, sizeof(szGrep));
+        if (szGrep[0] != '\0' && strstr(szBlock, szGrep) == nullptr) return false;
+    }
     return true;
 }
 
@@ -233,19 +241,19 @@ bool CVelmora::IsRawMsgFiltered(Report_Types::DEF nType, void* pMsg) {
 
 // A negative level is stored as it comes: it keeps every report off the console.
 void CVelmora::SetReportLevel(int nLevel) {
-    nReportLevel = nLevel > kHighestReportType ? kHighestReportType : nLevel;
+    RelaxedStore(nReportLevel, nLevel > kHighestReportType ? kHighestReportType : nLevel);
 }
 
 // No upper limit: a level above 22 shows the same as 22. The sum is taken in 32-bit
 // arithmetic as the level is stored, so a change that wraps it below zero is refused like
 // any other negative result.
 int CVelmora::AdjustReportLevel(int nChange) {
-    if (bInShellCommand) return -1;
-    int nLevel = nReportLevel;
+    if (RelaxedLoad(bInShellCommand)) return -1;
+    int nLevel = RelaxedLoad(nReportLevel);
     if (nLevel < 0) return -1;
     int nSum = int(unsigned(nLevel) + unsigned(nChange));
     if (nSum < 0) return -1;
-    nReportLevel = nSum;
+    RelaxedStore(nReportLevel, nSum);
     return nSum;
 }
 

@@ -25,6 +25,7 @@
 // No lock is taken: the consoles and the level are read as they stand when the report
 // needs them, as in the report pipeline.
 #include "include/Velmora.h"
+#include "core/RelaxedAccess.h"
 #include "reporting/ConsoleBlock.h"
 #include "reporting/Trace.h"
 
@@ -115,7 +116,7 @@ public:
         ShowOnRemoteConsole(szSource, dwColour);
         // The whole block: for FSLogFortmatedReport that is the stamp and the text.
         m_pLog->Log(Report_Types::STR[kShellOutput], m_block.Get());
-        if (m_service.nReportLevel >= int(kShellOutput))
+        if (velmora_core::RelaxedLoad(m_service.nReportLevel) >= int(kShellOutput))
             CallConsole(m_pConsole, m_rules, dwColour, m_block.Release());
         else
             m_block.Free();

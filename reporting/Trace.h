@@ -9,6 +9,7 @@
 #pragma once
 
 #include "include/Velmora.h"
+#include "core/RelaxedAccess.h"
 
 namespace velmora_core {
 
@@ -16,7 +17,10 @@ namespace velmora_core {
 // default log with the prefix "TRACE". Callers test TraceGateOpen() first.
 void WriteTraceLine(int nLine, const char* szName);
 
-inline bool TraceGateOpen() { return debugLevel >= 4 && _G_TraceAll && globalDefaultLog; }
+// The two switches may change on any thread while others trace: relaxed loads.
+inline bool TraceGateOpen() {
+    return RelaxedLoad(debugLevel) >= 4 && RelaxedLoad(_G_TraceAll) && globalDefaultLog;
+}
 
 }  // namespace velmora_core
 

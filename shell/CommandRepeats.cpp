@@ -1,6 +1,7 @@
 // Repeating shell commands: each repeat runs on a thread of its own, delivers its command
 // again after every interval, and ends when its stop event is set.
 #include "core/AsciiText.h"
+#include "core/RelaxedAccess.h"
 #include "maintenance/SubscriberWalk.h"
 #include "shell/CommandTable.h"
 #include "shell/ShellState.h"
@@ -187,9 +188,9 @@ DWORD CVelmora::RepeatFSCMDFunction(void* pParam) {
         ShellGates gates(service);
         service.LogFortmatedReport(Report_Types::REPORT_FS_COMMAND, "%s >> %s %s\n", record->szSource, row->szName,
                                    record->szArguments);
-        CopyText(service.szGrepText, sizeof(service.szGrepText), service.szGrepPending);
+        RelaxedStoreText(service.szGrepText, sizeof(service.szGrepText), service.szGrepPending);
         if (record->nCommandID == 6) {
-            service.bRuntimeStatusToIni = false;
+            RelaxedStore(service.bRuntimeStatusToIni, false);
             WalkSubscribers(service, [](CMaintenanceInf* p) {
                 p->PrintRuntimeStatus(nullptr);
                 return true;

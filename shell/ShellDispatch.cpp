@@ -1,5 +1,6 @@
 // The one door of the shell: a command word and its arguments, as an operator typed them.
 #include "core/AsciiText.h"
+#include "core/RelaxedAccess.h"
 #include "maintenance/SubscriberWalk.h"
 #include "shell/CommandTable.h"
 #include "shell/ShellState.h"
@@ -52,14 +53,14 @@ void SplitArguments(const char* szArguments, const ShellCommandEntry& row, char*
 namespace velmora_core {
 
 ShellGates::ShellGates(CVelmora& service) : m_service(service) {
-    m_service.dwShellThreadId = GetCurrentThreadId();
-    m_service.bInShellCommand = true;
+    RelaxedStore(m_service.dwShellThreadId, GetCurrentThreadId());
+    RelaxedStore(m_service.bInShellCommand, true);
 }
 
 ShellGates::~ShellGates() {
-    m_service.szGrepText[0] = '\0';
-    m_service.dwShellThreadId = 0;
-    m_service.bInShellCommand = false;
+    RelaxedStore(m_service.szGrepText[0], '\0');
+    RelaxedStore(m_service.dwShellThreadId, 0);
+    RelaxedStore(m_service.bInShellCommand, false);
 }
 
 }  // namespace velmora_core
@@ -78,7 +79,7 @@ void CVelmora::ShellCommand(const char* szSource, const char* szCommand, const c
         // The grep texts belong to the command or pass that runs: even a command that is then
         // refused waits for a pass in progress before it empties them.
         CSmartLock lock(ShellLock());
-        szGrepText[0] = '\0';
+        RelaxedStore(szGrepText[0], '\0');
         szGrepPending[0] = '\0';
         row = FindShellCommand(szCommand);
         if (szSource && row->bLocalOnly) return;
@@ -112,7 +113,7 @@ void CVelmora::ShellCommand(const char* szSource, const char* szCommand, const c
             szLastSource[0] = '\0';
         }
 
-        CopyText(szGrepText, sizeof(szGrepText), szGrepPending);
+        RelaxedStoreText(szGrepText, sizeof(szGrepText), szGrepPending);
         switch (row->nCommandID) {
         case 6:
             PrintRuntimeStatus(szDeliver);
