@@ -38,12 +38,8 @@ TEST(CriticalSectionTest, OwnerReentersAndOthersWaitUntilTheLastLeave) {
     std::thread([&] { LeaveCriticalSection(&section); }).join();
     EXPECT_FALSE(TryEnterFromOtherThread(section));
     LeaveCriticalSection(&section);
-    DeleteCriticalSection(&section);
-}
 
-TEST(CriticalSectionTest, EnterBlocksWhileAnotherThreadHoldsIt) {
-    CRITICAL_SECTION section;
-    InitializeCriticalSection(&section);
+    // Enter waits while another thread holds the section.
     EnterCriticalSection(&section);
     std::atomic<bool> entered{false};
     std::thread waiter([&] {
@@ -82,18 +78,17 @@ void CountUnderSection(CRITICAL_SECTION& section) {
     EXPECT_EQ(counter, long(kThreads) * kSteps);
 }
 
-TEST(CriticalSectionTest, ExcludesOtherThreads) {
-    CRITICAL_SECTION section;
-    InitializeCriticalSection(&section);
-    CountUnderSection(section);
-    DeleteCriticalSection(&section);
-}
-
-TEST(CriticalSectionTest, ExcludesOtherThreadsWithSpinning) {
-    CRITICAL_SECTION section;
-    EXPECT_TRUE(InitializeCriticalSectionAndSpinCount(&section, 4000));
-    CountUnderSection(section);
-    DeleteCriticalSection(&section);
+TEST(CriticalSectionTest, ExcludesOtherThreadsWithAndWithoutSpinning) {
+    for (bool bSpin : {false, true}) {
+        SCOPED_TRACE(bSpin);
+        CRITICAL_SECTION section;
+        if (bSpin)
+            EXPECT_TRUE(InitializeCriticalSectionAndSpinCount(&section, 4000));
+        else
+            InitializeCriticalSection(&section);
+        CountUnderSection(section);
+        DeleteCriticalSection(&section);
+    }
 }
 
 }  // namespace
