@@ -4,8 +4,6 @@
 #include "ShellTestSupport.h"
 
 #include <algorithm>
-#include <map>
-#include <utility>
 
 using namespace velmora_report_test;
 using namespace velmora_shell_test;
@@ -57,17 +55,6 @@ struct LoginModule : CLoginInitializationInf {
     void OnLoginConfigurationReloaded() override { g_events.push_back("login.reloaded"); }
 };
 
-// The log folder of the fixture's directory, and integer settings that it may know.
-struct SettingsDirectory : velmora_log_test::TestDirectory {
-    std::map<std::string, int> settings;
-    std::vector<std::pair<int, std::string>> asks;
-    void GetIntSetting(int nKind, const char* szKey, int* pnValue) override {
-        asks.emplace_back(nKind, szKey);
-        auto found = settings.find(szKey);
-        if (found != settings.end()) *pnValue = found->second;
-    }
-};
-
 constexpr char kListReportLevel[] =
     "REPORT_LEVEL-Set the level to control what kinds of messages can be displayed in the "
     "console\n";
@@ -109,7 +96,7 @@ protected:
         return g_events;
     }
 
-    SettingsDirectory settings;
+    velmora_log_test::SettingsDirectory settings;
     ProbedConsole local;
     Module a{"A", 1}, b{"B", 2};
     LoginModule login;
@@ -209,23 +196,23 @@ TEST_F(ConfigurationReload, AReloadReadsTheLibrarysSettingsBeforeTheSubscribersH
 TEST_F(ConfigurationReload, TheReportLevelIsCappedAt22AndTheLogLevelGoesStraightIn) {
     const std::pair<int, int> reportLevels[] = {{40, 22}, {22, 22}, {6, 6}, {0, 0}, {-3, -3}};
     for (auto [nSetting, nStored] : reportLevels) {
-        settings.settings["REPORT_LEVEL"] = nSetting;
+        settings.ints["2:REPORT_LEVEL"] = nSetting;
         UpdateConfigure("-reload");
         EXPECT_EQ(velmora.nReportLevel, nStored) << nSetting;
     }
     for (int nSetting : {9, 100, -2, 0}) {
-        settings.settings["LOG_LEVEL"] = nSetting;
+        settings.ints["2:LOG_LEVEL"] = nSetting;
         UpdateConfigure("-reload");
         EXPECT_EQ(debugLevel, nSetting);
     }
     // A key that is gone again leaves the debug level where the last reload put it.
-    settings.settings.erase("LOG_LEVEL");
+    settings.ints.erase("2:LOG_LEVEL");
     UpdateConfigure("-reload");
     EXPECT_EQ(debugLevel, 0);
 }
 
 TEST_F(ConfigurationReload, AListRequestPrintsTheNamesAndReloadsNothing) {
-    settings.settings = {{"REPORT_LEVEL", 3}, {"LOG_LEVEL", 1}};
+    settings.ints = {{"2:REPORT_LEVEL", 3}, {"2:LOG_LEVEL", 1}};
     velmora.SetReportLevel(10);
     debugLevel = 4;
     // The subscribers still hear of a reload with the tail, and so does the login module.
@@ -269,7 +256,7 @@ TEST_F(ConfigurationReload, AListRequestPrintsTheNamesAndReloadsNothing) {
 TEST_F(ConfigurationReload, OtherKindsGoToTheSubscribersAlone) {
     velmora.SetReportLevel(10);
     debugLevel = 4;
-    settings.settings = {{"REPORT_LEVEL", 3}, {"LOG_LEVEL", 1}};
+    settings.ints = {{"2:REPORT_LEVEL", 3}, {"2:LOG_LEVEL", 1}};
     EXPECT_EQ(EventsOf("-RELOADACCT X"), Updates("X", 3));
     EXPECT_EQ(EventsOf("-FIXHOST -L"), Updates(" -L", 2));
     EXPECT_EQ(EventsOf("-DOMAINLOGIN a"), Updates("A", 4));

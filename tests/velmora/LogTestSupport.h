@@ -11,7 +11,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace velmora_log_test {
 
@@ -37,6 +40,19 @@ public:
                                                               : size_t(nSize) - 1;
         std::memcpy(szValue, localLogsFolder.data(), n);
         szValue[n] = '\0';
+    }
+};
+
+// The log folder of TestDirectory, and integer settings keyed "<kind>:<key>". Every
+// question for an integer is noted, found or not.
+class SettingsDirectory : public TestDirectory {
+public:
+    std::map<std::string, int> ints;
+    std::vector<std::pair<int, std::string>> asks;
+    void GetIntSetting(int nKind, const char* szKey, int* pnValue) override {
+        asks.emplace_back(nKind, szKey);
+        auto found = ints.find(std::to_string(nKind) + ":" + szKey);
+        if (found != ints.end()) *pnValue = found->second;
     }
 };
 

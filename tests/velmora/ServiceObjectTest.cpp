@@ -4,42 +4,27 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 #include <thread>
 
-TEST(ServiceObject, LoadValuesBeforeInit) {
+TEST(ServiceObject, LoadStateExportedVariablesAndNameTables) {
     EXPECT_STREQ(velmora.GetAppName(), "");
     EXPECT_EQ(velmora.GetAppName(), velmora.szAppName);  // the member itself, not a copy
     EXPECT_EQ(velmora.nLastCommand, -1);
     EXPECT_EQ(velmora.nReportLevel, 22);
     EXPECT_EQ(velmora.nAlertRepeatMS, 60000);
     EXPECT_EQ(velmora.nSubscribers, 0);
-    EXPECT_EQ(velmora.nDateListeners, 0);
     EXPECT_EQ(velmora.pMonitor, nullptr);
     EXPECT_EQ(velmora.hInstanceMutex, nullptr);
-    EXPECT_EQ(velmora.hStopEvent, nullptr);
-    EXPECT_EQ(velmora.pTagTable, nullptr);
-    EXPECT_FALSE(velmora.bMsgReporting);
     EXPECT_FALSE(velmora.IsMsgReportingEnabled());
     EXPECT_FALSE(velmora.bSuspended);
-    EXPECT_STREQ(velmora.szStatusFile, "");
-    EXPECT_STREQ(velmora.szGrepText, "");
     for (CQuorelLog* pLog : velmora.pLogClients) EXPECT_EQ(pLog, nullptr);
-    EXPECT_TRUE(velmora.mapCommandRepeats.empty());
-    EXPECT_TRUE(velmora.mapSystemAlerts.empty());
-    EXPECT_TRUE(velmora.mapMonitorAlerts.empty());
-    EXPECT_TRUE(velmora.mapObjectUsages.empty());
-}
 
-TEST(ServiceObject, ExportedVariablesAndNameTables) {
     EXPECT_EQ(debugLevel, 4);
     EXPECT_EQ(globalDefaultLog, nullptr);
     EXPECT_FALSE(_G_TraceAll);
     EXPECT_STREQ(_G_SessionID, "");
-    EXPECT_EQ(_G_Directory, nullptr);
-    EXPECT_EQ(_G_nGapMS, 0);
     // Exactly these three flags start true.
     EXPECT_TRUE(_G_ISPrimary);
     EXPECT_TRUE(_G_bPureAsychTradingBC);
@@ -56,84 +41,33 @@ TEST(ServiceObject, ExportedVariablesAndNameTables) {
         "[Received]", "[Sent]", "[Order Routing Started]", "[Order Routing Ended]",
         "[Order Routed]", "[Order Responded]", "[Algo Loaded]", "[Algo Unloaded]",
         "[Algo Loading Failed]", "[Debug]"};
-    for (int i = 0; i < 23; ++i) {
-        ASSERT_NE(Report_Types::STR[i], nullptr) << i;
-        EXPECT_STREQ(Report_Types::STR[i], reports[i]) << i;
-    }
-    EXPECT_STREQ(Report_Types::STR[Report_Types::REPORT_DEBUG], "[Debug]");
-    EXPECT_STREQ(Report_Types::STR[Report_Types::REPORT_FS_OUTPUT], "[FS Output]");
-
+    for (int i = 0; i < 23; ++i) EXPECT_STREQ(Report_Types::STR[i], reports[i]) << i;
     const char* const tags[10] = {"QUOREL", "STP", "INTX", "ACCUMULATE", "XREF_",
                                   "RISK_OCO", "RISK_MARGINCALL", "RISK_LIQUIDATION",
                                   "RISK_MGR_CANCEL", "OMS_PEG"};
     for (int i = 0; i < 10; ++i) EXPECT_STREQ(OrderTag_Types::STR[i], tags[i]) << i;
 }
 
-TEST(ServiceObject, EnumerationValues) {
-    EXPECT_EQ(int(Report_Types::REPORT_ALGO_LOADING_FAILED), 21);
-    EXPECT_EQ(int(QUOREL_ALERT_SYSTEM::COMPLIANCE_DISABLED), 24);
-    EXPECT_EQ(int(QUOREL_ALERT_SYSTEM::ROUTE_CREDIT_CHECK_FAILED), 58);
-    EXPECT_EQ(int(QUOREL_ALERT_SYSTEM::USER_SCRIPTING_DISABLED), 121);
-    EXPECT_EQ(int(Performance_Types::TRADING_LATENCY), 1);
-}
-
-struct NullConsole : CReportConsoleInf {
-    int nReports = 0;
-    void LogReport(Report_Types::DEF, char* szBlock) override {
-        ++nReports;
-        GlobalFree(szBlock);
-    }
-};
-
-TEST(ServiceObject, PlugInAccessorsStoreAndUnplug) {
-    NullConsole console;
-    velmora.SetReportConsole(&console);
-    EXPECT_EQ(velmora.GetReportConsole(), &console);
-    velmora.SetReportConsole(nullptr);
-    EXPECT_EQ(velmora.GetReportConsole(), nullptr);
-
-    struct Remote : CRemoteConsoleInf {
-        CReportConsoleInf* GetConsole(const char*) override { return nullptr; }
-    } remote;
-    velmora.EnableRemoteConsole(&remote);
-    EXPECT_EQ(velmora.GetRemoteConsole(), &remote);
-    velmora.EnableRemoteConsole(nullptr);
-    EXPECT_EQ(velmora.GetRemoteConsole(), nullptr);
-}
-
 TEST(SmartLock, GuardsItsScopeAndNullDoesNothing) {
     CRITICAL_SECTION cs;
     InitializeCriticalSection(&cs);
+    auto enteredByOther = [&cs] {
+        bool bEntered = false;
+        std::thread([&] {
+            bEntered = TryEnterCriticalSection(&cs) != FALSE;
+            if (bEntered) LeaveCriticalSection(&cs);
+        }).join();
+        return bEntered;
+    };
     {
         CSmartLock guard(&cs);
-        EXPECT_EQ(guard.pCriticalSection, &cs);
-        // Another thread can't enter while the guard holds the section.
-        std::atomic<bool> entered{false};
-        std::thread other([&] {
-            entered = TryEnterCriticalSection(&cs) != FALSE;
-            if (entered) LeaveCriticalSection(&cs);
-        });
-        other.join();
-        EXPECT_FALSE(entered);
+        EXPECT_FALSE(enteredByOther());
     }
-    // Left at the end of the scope: another thread enters now.
-    std::atomic<bool> enteredAfter{false};
-    std::thread after([&] {
-        enteredAfter = TryEnterCriticalSection(&cs) != FALSE;
-        if (enteredAfter) LeaveCriticalSection(&cs);
-    });
-    after.join();
-    EXPECT_TRUE(enteredAfter);
-
-    {
-        CSmartLock none(nullptr);
-        EXPECT_EQ(none.pCriticalSection, nullptr);
-    }
-    // Assignment copies the pointer only; it enters nothing.
+    EXPECT_TRUE(enteredByOther());
     {
         CSmartLock a(nullptr);
         CSmartLock b(nullptr);
-        b = a;
+        b = a;  // copies the pointer only; enters nothing
         EXPECT_EQ(b.pCriticalSection, nullptr);
     }
     DeleteCriticalSection(&cs);
@@ -173,11 +107,15 @@ TEST(Interfaces, DefaultBodies) {
     EXPECT_EQ(accessor.GetAllNetPositionsOfSegment(1), nullptr);
     EXPECT_EQ(accessor.GetTotalOpenOrderOfSegment(1), nullptr);
     EXPECT_EQ(accessor.GetTotalTradeDataOfSegment(1), nullptr);
-    velmora.SetIMDBRawDataAccessor(&accessor);
-    EXPECT_EQ(velmora.GetIMDBRawDataAccessor(), &accessor);
 
     // A console that overrides only LogReport: not filtered, and colour reports go nowhere.
-    NullConsole console;
+    struct NullConsole : CReportConsoleInf {
+        int nReports = 0;
+        void LogReport(Report_Types::DEF, char* szBlock) override {
+            ++nReports;
+            GlobalFree(szBlock);
+        }
+    } console;
     EXPECT_FALSE(console.LogFiltered(Report_Types::REPORT_DEBUG, nullptr));
     char* block = static_cast<char*>(GlobalAlloc(0, 16));
     console.LogReportInColor(Report_Types::REPORT_DEBUG, 0xFF, block);
@@ -189,10 +127,9 @@ TEST(Interfaces, DefaultBodies) {
     } module;
     EXPECT_TRUE(module.PrepareDailyMaintenance("a", "b", "c"));
     EXPECT_TRUE(module.DoDailyMaintenance("a", "b", "c"));
-    EXPECT_EQ(module.GetSubscribeOrder(), 7);
 }
 
-TEST(Win32Exception, CopiesItsDescription) {
+TEST(Win32Exception, CopiesItsDescriptionCutTo511) {
     char text[32];
     strcpy(text, "disk full");
     win32_exception failure(text);
@@ -200,11 +137,6 @@ TEST(Win32Exception, CopiesItsDescription) {
     EXPECT_STREQ(failure.what(), "disk full");
     win32_exception copy(failure);
     EXPECT_STREQ(copy.what(), "disk full");
-    try {
-        throw win32_exception("thrown");
-    } catch (const win32_exception& caught) {
-        EXPECT_STREQ(caught.what(), "thrown");
-    }
     std::string longText(2000, 'x');
     win32_exception cut(longText.c_str());
     EXPECT_EQ(strlen(cut.what()), 511u);

@@ -1,33 +1,14 @@
 // The status file's path and the monitor client's connection.
-#include "include/Velmora.h"
-#include "TestSupport.h"
+#include "LogTestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <map>
 #include <string>
 #include <unistd.h>
 
 namespace {
 
-// A directory service with a fixed set of integer settings that counts its reads.
-struct SettingsDirectory : CDirectoryServiceInf {
-    std::map<std::string, int> ints;
-    int nIntReads = 0;
-    const char* GetLogFolderSuffix() override { return "suffix"; }
-    const char* GetLogFolderPrefix() override { return "prefix"; }
-    void Reserved5() override {}
-    void Reserved6() override {}
-    void Reserved7() override {}
-    void GetIntSetting(int nKind, const char* szKey, int* pnValue) override {
-        ++nIntReads;
-        auto it = ints.find(std::to_string(nKind) + ":" + szKey);
-        if (it != ints.end()) *pnValue = it->second;
-    }
-    void Reserved9() override {}
-    void GetStringSetting(int, const char*, char*, int) override {}
-};
+using velmora_log_test::SettingsDirectory;
 
 std::string ExecutableFolder() {
     char path[4096];
@@ -37,34 +18,39 @@ std::string ExecutableFolder() {
     return text.substr(0, text.rfind('/') + 1);
 }
 
+class StatusMonitor : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", logs.path().c_str(), 1), 0);
+        _G_Directory = &directory;
+        velmora_log_test::SetAppName("MonitorApp");
+    }
+    void TearDown() override {
+        velmora.DisconnectMonitor(true);
+        _G_Directory = nullptr;
+    }
+    velmora_test::TempDir logs;
+    SettingsDirectory directory;
+};
+
 }  // namespace
 
-TEST(StatusMonitor, StatusFileLiesBesideTheExecutableWhateverTheWorkingFolder) {
-    velmora_test::TempDir elsewhere;
-    ASSERT_EQ(chdir(elsewhere.path().c_str()), 0);
+TEST_F(StatusMonitor, StatusFileLiesBesideTheExecutableWhateverTheWorkingFolder) {
+    ASSERT_EQ(chdir(logs.path().c_str()), 0);
     EXPECT_STREQ(velmora.szStatusFile, "");
     velmora.EnableStatusMonitor();
     EXPECT_EQ(std::string(velmora.szStatusFile), ExecutableFolder() + "ServerRuntimeStatus.ini");
-    // Nothing is created by fixing the path, and a second call writes the same path.
+    // Nothing is created by fixing the path.
     EXPECT_FALSE(velmora_test::FileExists(velmora.szStatusFile));
-    velmora.EnableStatusMonitor();
-    EXPECT_EQ(std::string(velmora.szStatusFile), ExecutableFolder() + "ServerRuntimeStatus.ini");
 }
 
-TEST(StatusMonitor, ConnectTwiceMakesOneClientAndReadsTheSettingOnce) {
-    velmora_test::TempDir logs;
-    setenv("PELTRIX_LOG_FOLDER", logs.path().c_str(), 1);
-    SettingsDirectory directory;
-    _G_Directory = &directory;
-    strcpy(velmora.szAppName, "MonitorApp");
-
+TEST_F(StatusMonitor, ConnectTwiceMakesOneClientAndReadsTheSettingOnce) {
     EXPECT_TRUE(velmora.ConnectMonitor(true, nullptr));
     CHarvell* first = velmora.pMonitor;
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(directory.nIntReads, 1);
     EXPECT_TRUE(velmora.ConnectMonitor(true, nullptr));
     EXPECT_EQ(velmora.pMonitor, first);
-    EXPECT_EQ(directory.nIntReads, 1);
+    EXPECT_EQ(directory.asks.size(), 1u);
 
     // Alerts handed to the client reach the monitor.
     velmora.pMonitor->AlertMsg("feed lost");
@@ -74,41 +60,27 @@ TEST(StatusMonitor, ConnectTwiceMakesOneClientAndReadsTheSettingOnce) {
     velmora.DisconnectMonitor(true);
     EXPECT_EQ(velmora.pMonitor, nullptr);
     velmora.DisconnectMonitor(false);  // harmless without a client
-    EXPECT_EQ(velmora.pMonitor, nullptr);
-    _G_Directory = nullptr;
 }
 
-TEST(StatusMonitor, FailedStartKeepsTheClientUntilDisconnected) {
-    velmora_test::TempDir logs;
-    SettingsDirectory directory;
-    _G_Directory = &directory;
-    strcpy(velmora.szAppName, "MonitorApp");
-
+TEST_F(StatusMonitor, FailedStartKeepsTheClientUntilDisconnected) {
     // The stand-in's monitor is a file; one in a folder that doesn't exist can't be reached.
-    std::string unreachable = logs.path() + "/missing/monitor.log";
-    EXPECT_FALSE(velmora.ConnectMonitor(true, unreachable.c_str()));
+    EXPECT_FALSE(velmora.ConnectMonitor(true, (logs.path() + "/missing/monitor.log").c_str()));
     CHarvell* failed = velmora.pMonitor;
     ASSERT_NE(failed, nullptr);
     // The next call counts the existing client as connected and starts nothing.
     EXPECT_TRUE(velmora.ConnectMonitor(true, logs.file("monitor.log").c_str()));
     EXPECT_EQ(velmora.pMonitor, failed);
-    EXPECT_EQ(directory.nIntReads, 1);
+    EXPECT_EQ(directory.asks.size(), 1u);
 
     velmora.DisconnectMonitor(true);
     EXPECT_TRUE(velmora.ConnectMonitor(true, logs.file("monitor.log").c_str()));
-    EXPECT_NE(velmora.pMonitor, nullptr);
-    EXPECT_EQ(directory.nIntReads, 2);
+    EXPECT_EQ(directory.asks.size(), 2u);
     velmora.pMonitor->AlertMsg("second try");
     EXPECT_NE(velmora_test::ReadFile(logs.file("monitor.log")).find(";second try\r\n"),
               std::string::npos);
-    velmora.DisconnectMonitor(true);
-    _G_Directory = nullptr;
 }
 
-TEST(StatusMonitor, TheConfiguredTimeOutReachesStart) {
-    velmora_test::TempDir logs;
-    SettingsDirectory directory;
-    _G_Directory = &directory;
+TEST_F(StatusMonitor, TheConfiguredTimeOutReachesStart) {
     EXPECT_TRUE(velmora.ConnectMonitor(false, logs.file("m.log").c_str()));
     EXPECT_EQ(velmora.pMonitor->GetStartTimeout(), 120);  // nothing configured
     velmora.DisconnectMonitor(true);
@@ -116,6 +88,4 @@ TEST(StatusMonitor, TheConfiguredTimeOutReachesStart) {
     directory.ints["2:MONITOR_TIMEOUT"] = 99;  // another section kind isn't read
     EXPECT_TRUE(velmora.ConnectMonitor(false, logs.file("m.log").c_str()));
     EXPECT_EQ(velmora.pMonitor->GetStartTimeout(), 30);
-    velmora.DisconnectMonitor(true);
-    _G_Directory = nullptr;
 }
