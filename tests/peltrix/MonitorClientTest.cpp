@@ -33,7 +33,7 @@ bool IsAlertLine(const std::string& line, const std::string& text) {
     return line.substr(14) == text;
 }
 
-TEST_F(MonitorClientTest, StartedMonitorWritesEachAlertAsALineAtOnce) {
+TEST_F(MonitorClientTest, StartedMonitorWritesEachAlertAsALineAtOnceUntilStopped) {
     CHarvell monitor("App", 1, 1, nullptr);
     ASSERT_EQ(monitor.Start(true, nullptr, 120, nullptr, 10101, 10102), 1);
     const std::string file = m_dir.file("App_monitor.log");
@@ -52,9 +52,15 @@ TEST_F(MonitorClientTest, StartedMonitorWritesEachAlertAsALineAtOnce) {
     EXPECT_TRUE(IsAlertLine(lines[1], "")) << lines[1];
     EXPECT_TRUE(IsAlertLine(lines[2], "with;semicolons")) << lines[2];
     EXPECT_EQ(monitor.Start(true, nullptr, 120, nullptr, 10101, 10102), 1);
+
+    // Stop ends the connection: later alerts are dropped, and a second Stop is harmless.
+    monitor.Stop(1);
+    monitor.AlertMsg("after stop");
+    monitor.Stop(1);
+    EXPECT_EQ(SplitLines(ReadFile(file)).size(), 3u);
 }
 
-TEST_F(MonitorClientTest, DeferredStartConnectsWithTheFirstAlert) {
+TEST_F(MonitorClientTest, DeferredStartConnectsWithTheFirstAlertOnly) {
     const std::string file = m_dir.file("elsewhere.txt");
     std::ofstream(file) << "old\r\n";
     CHarvell monitor("App", 1, 1, nullptr);
@@ -66,16 +72,15 @@ TEST_F(MonitorClientTest, DeferredStartConnectsWithTheFirstAlert) {
     EXPECT_EQ(lines[0], "old");
     EXPECT_TRUE(IsAlertLine(lines[1], "first")) << lines[1];
     EXPECT_FALSE(FileExists(m_dir.file("App_monitor.log")));
-}
 
-TEST_F(MonitorClientTest, DeferredStartInTheDefaultPlaceOpensNothingUntilAnAlert) {
+    // In the default place nothing is opened, nor the folder made, until an alert.
     const std::string folder = m_dir.file("made");
     setenv("PELTRIX_LOG_FOLDER", folder.c_str(), 1);
-    CHarvell monitor("App", 1, 1, nullptr);
-    ASSERT_EQ(monitor.Start(false, "", 120, nullptr, 10101, 10102), 1);
-    EXPECT_FALSE(FileExists(folder + "/App_monitor.log"));
-    monitor.AlertMsg("now");
-    std::vector<std::string> lines = SplitLines(ReadFile(folder + "/App_monitor.log"));
+    CHarvell inDefault("App", 1, 1, nullptr);
+    ASSERT_EQ(inDefault.Start(false, "", 120, nullptr, 10101, 10102), 1);
+    EXPECT_FALSE(FileExists(folder));
+    inDefault.AlertMsg("now");
+    lines = SplitLines(ReadFile(folder + "/App_monitor.log"));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(IsAlertLine(lines[0], "now"));
 }
@@ -101,19 +106,6 @@ TEST_F(MonitorClientTest, StartFailsWhenTheMonitorFileCanNotBeOpened) {
               1);
     deferred.AlertMsg("dropped");
     deferred.Stop(1);
-}
-
-TEST_F(MonitorClientTest, StopEndsTheConnectionAndLaterAlertsAreDropped) {
-    const std::string file = m_dir.file("App_monitor.log");
-    CHarvell monitor("App", 1, 1, nullptr);
-    ASSERT_EQ(monitor.Start(true, nullptr, 120, nullptr, 10101, 10102), 1);
-    monitor.AlertMsg("one");
-    monitor.Stop(1);
-    monitor.AlertMsg("two");
-    monitor.Stop(1);
-    std::vector<std::string> lines = SplitLines(ReadFile(file));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(IsAlertLine(lines[0], "one"));
 }
 
 TEST_F(MonitorClientTest, AlertsFromManyThreadsStayWholeLines) {
