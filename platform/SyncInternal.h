@@ -26,30 +26,49 @@ uint64_t CurrentThreadToken();
 // thread_local destructor for every other thread.
 void AbandonOwnedMutexes();
 
-// The end of a wait of dwMilliseconds from now; INFINITE has no end.
+// The end of a wait of dwMilliseconds from now; INFINITE has no end, and 0 ends at once.
+// Only a timed wait reads the clock: waits without a limit and one-look waits are the
+// common ones on the lock paths, and the clock read was a good part of their cost.
 class Deadline {
 public:
     explicit Deadline(DWORD dwMilliseconds)
-        : m_infinite(dwMilliseconds == INFINITE),
-          m_at(std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds)) {}
+        : m_kind(dwMilliseconds == INFINITE ? Kind::Infinite
+                 : dwMilliseconds == 0      ? Kind::Now
+                                            : Kind::Timed) {
+        if (m_kind == Kind::Timed)
+            m_at = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
+    }
 
-    bool Infinite() const { return m_infinite; }
-    bool Passed() const { return !m_infinite && std::chrono::steady_clock::now() >= m_at; }
+    bool Infinite() const { return m_kind == Kind::Infinite; }
+    bool Passed() const {
+        switch (m_kind) {
+        case Kind::Infinite: return false;
+        case Kind::Now: return true;
+        case Kind::Timed: break;
+        }
+        return std::chrono::steady_clock::now() >= m_at;
+    }
+    // The end of a timed wait; for a one-look wait, a moment already past.
     std::chrono::steady_clock::time_point At() const { return m_at; }
 
     // Waits until pred() holds (true) or the deadline passes first (false).
     template <class Pred>
     bool WaitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, Pred pred) const {
-        if (m_infinite) {
+        switch (m_kind) {
+        case Kind::Infinite:
             cv.wait(lock, pred);
             return true;
+        case Kind::Now:
+            return pred();
+        case Kind::Timed: break;
         }
         return cv.wait_until(lock, m_at, pred);
     }
 
 private:
-    bool m_infinite;
-    std::chrono::steady_clock::time_point m_at;
+    enum class Kind { Infinite, Now, Timed };
+    Kind m_kind;
+    std::chrono::steady_clock::time_point m_at{};  // the clock's epoch unless timed
 };
 
 // A mutex: owned by one thread at a time, re-entrant with a recursion count, abandoned when
