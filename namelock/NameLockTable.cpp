@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <new>
+#include <string>
 
 using velmora_namelock::WaitSucceeded;
 
@@ -27,6 +28,20 @@ void FreeList(_tagNameLock* pHead) {
         delete pHead;
         pHead = pNext;
     }
+}
+
+// The table's key of a name: the whole name, whatever its length (only a record's copy is
+// cut to its 63 characters). It is built before the table is locked, so that running out of
+// memory leaves nothing to undo. False for a null name or without memory: the caller then
+// treats the name like one it can't find.
+bool MakeKey(const char* szName, std::string& key) {
+    if (szName == nullptr) return false;
+    try {
+        key.assign(szName);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -86,17 +101,9 @@ CNameLock::~CNameLock() {
 }
 
 _tagNameLock* CNameLock::AcquireName(const char* szName) {
-    // A null name has nothing to look up: refused like any other failure.
-    if (szName == nullptr) return nullptr;
-    // The key is the whole name, whatever its length; only the record's copy is cut to its
-    // 63 characters. It is built before the table is locked, so that running out of memory
-    // here leaves nothing to undo.
+    // A null name, or no memory for its key, is refused like any other failure.
     std::string key;
-    try {
-        key.assign(szName);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    if (!MakeKey(szName, key)) return nullptr;
 
     for (;;) {
         if (!WaitSucceeded(hTableMutex, INFINITE)) return nullptr;
@@ -156,15 +163,9 @@ _tagNameLock* CNameLock::AcquireName(const char* szName) {
 }
 
 _tagNameLock* CNameLock::ReleaseName(const char* szName) {
-    if (szName == nullptr) return nullptr;
-    // Without memory for the key the reference can't be found: nothing changes, as for an
-    // unknown name.
+    // Without a key the reference can't be found: nothing changes, as for an unknown name.
     std::string key;
-    try {
-        key.assign(szName);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    if (!MakeKey(szName, key)) return nullptr;
 
     if (!WaitSucceeded(hTableMutex, INFINITE)) return nullptr;
 
