@@ -1,0 +1,150 @@
+// Helpers of the stress tests: the scale of a run, a watchdog that ends a hung case, a group
+// of threads that start together, and the service started once for the process.
+//
+// Every case is bounded by counts, which VELMORA_STRESS_SCALE multiplies (a positive
+// integer, 1 when unset), e.g. `VELMORA_STRESS_SCALE=50 build/bin/stress_tests` for a long
+// run. The watchdog is only a safety net: it turns a hang into a failure with a message.
+#pragma once
+
+#include "tests/velmora/LogTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace velmora_stress {
+
+inline int Scale() {
+    static const int nScale = [] {
+        const char* szScale = std::getenv("VELMORA_STRESS_SCALE");
+        int n = szScale ? std::atoi(szScale) : 1;
+        return n > 0 ? n : 1;
+    }();
+    return nScale;
+}
+
+inline int Scaled(int nCount) { return nCount * Scale(); }
+
+// Aborts the process when a case hasn't ended within its bound: 120 seconds a unit of scale,
+// far beyond what any case takes under a sanitizer on a loaded machine.
+class Watchdog {
+public:
+    explicit Watchdog(const char* szCase)
+        : m_thread([this, szCase] {
+              std::unique_lock<std::mutex> lock(m_mutex);
+              if (m_done.wait_for(lock, std::chrono::seconds(120) * Scale(), [&] { return m_bDone; }))
+                  return;
+              std::fprintf(stderr, "stress case %s still runs after its bound: hung\n", szCase);
+              std::abort();
+          }) {}
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_bDone = true;
+        }
+        m_done.notify_all();
+        m_thread.join();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    bool m_bDone = false;
+    std::thread m_thread;  // last: it uses the members above
+};
+
+// Runs fn(0) to fn(nThreads - 1), each on a thread of its own, released together, and
+// returns when all have ended.
+inline void RunThreads(int nThreads, const std::function<void(int)>& fn) {
+    std::latch start(nThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < nThreads; ++t)
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            fn(t);
+        });
+    for (std::thread& thread : threads) thread.join();
+}
+
+// Polls a condition until it holds or a minute has passed: a bound for a broken case only.
+template <class Pred>
+bool WaitUntil(Pred pred) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= end) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// A module subscribed for a scope. Leaving it, the shell stops the repeats that were started
+// and waits for their threads, so that nothing calls the module once it is gone.
+class Subscription {
+public:
+    explicit Subscription(CMaintenanceInf* pModule) : m_pModule(pModule) { velmora.SubscribeMaitenance(pModule); }
+    ~Subscription() {
+        if (!velmora.mapCommandRepeats.empty()) velmora.PrepareSystemsShutdown();
+        velmora.UnsubscribeMaitenance(m_pModule);
+    }
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+private:
+    CMaintenanceInf* m_pModule;
+};
+
+// The service as a host runs it: Init (default log, alert timer thread) before the first
+// test of the process and Shutdown after the last, since Init succeeds once a process and
+// Shutdown is final. Machine-wide names and log files live in a folder of the process's own.
+class ServiceEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        m_tmp = std::make_unique<velmora_test::TempDir>();
+        ASSERT_EQ(setenv("VELMORA_OBJECT_FOLDER", m_tmp->path().c_str(), 1), 0);
+        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", m_tmp->path().c_str(), 1), 0);
+        _G_Directory = &m_directory;
+        ASSERT_TRUE(velmora.Init(velmora_test::UniqueName("Stress").c_str(), 1));
+    }
+    void TearDown() override {
+        velmora.Shutdown();
+        _G_Directory = nullptr;
+        m_tmp.reset();
+    }
+
+private:
+    std::unique_ptr<velmora_test::TempDir> m_tmp;
+    velmora_log_test::TestDirectory m_directory;
+};
+inline ::testing::Environment* const g_pServiceEnvironment =
+    ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
+
+// A test of the running service: what it plugs in is unplugged at its end.
+class ServiceFixture : public ::testing::Test {
+protected:
+    void TearDown() override {
+        velmora.SetReportConsole(nullptr);
+        velmora.SetAlertSystem(nullptr);
+    }
+
+    // The whole default log, once everything handed to it is in the file.
+    static std::string LogText() {
+        char szPath[MAX_PATH] = "";
+        globalDefaultLog->FlushLog();
+        globalDefaultLog->GetFullLogPath(szPath, sizeof(szPath));
+        return velmora_test::ReadFile(szPath);
+    }
+
+    velmora_test::TempDir tmp;
+};
+
+}  // namespace velmora_stress
