@@ -13,32 +13,6 @@ namespace {
 using TraceLines = ReportFixture;
 using ExceptionReports = ReportFixture;
 
-// The messages of the TRACE records of the calling thread, in order.
-std::vector<std::string> TraceMessages(const std::string& log) {
-    std::vector<std::string> messages;
-    const std::string head = ";TRACE;" + velmora_log_test::ThreadText() + ";";
-    for (const std::string& line : SplitLines(log)) {
-        size_t at = line.find(head);
-        if (at == std::string::npos) continue;
-        std::string message = line.substr(at + head.size());
-        if (!message.empty() && message.back() == ';') message.pop_back();
-        messages.push_back(message);
-    }
-    return messages;
-}
-
-// A trace message "Velmora Line:<n> <name> <description>".
-bool IsTraceOf(const std::string& message, const std::string& name,
-               const std::string& description = "") {
-    const std::string head = "Velmora Line:";
-    if (message.compare(0, head.size(), head) != 0) return false;
-    size_t at = head.size();
-    size_t digits = 0;
-    while (at < message.size() && message[at] >= '0' && message[at] <= '9') ++at, ++digits;
-    if (digits == 0 || at >= message.size() || message[at] != ' ') return false;
-    return message.substr(at + 1) == name + " " + description;
-}
-
 }  // namespace
 
 TEST_F(TraceLines, TraceLinesNeedTraceAllAndADebugLevelOfFour) {

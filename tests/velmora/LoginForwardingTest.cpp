@@ -75,21 +75,6 @@ std::vector<bool> AskAll(const char* szUser) {
 
 const std::vector<bool> kAllFalse = {false, false, false};
 
-// The operation names of the TRACE records of a log, in order.
-std::vector<std::string> TracedNames(const std::string& log) {
-    std::vector<std::string> names;
-    const std::string head = ";TRACE;" + velmora_log_test::ThreadText() + ";Velmora Line:";
-    for (const std::string& line : SplitLines(log)) {
-        size_t at = line.find(head);
-        if (at == std::string::npos) continue;
-        size_t nameAt = line.find(' ', at + head.size());
-        if (nameAt == std::string::npos) continue;
-        ++nameAt;
-        names.push_back(line.substr(nameAt, line.find(' ', nameAt) - nameAt));
-    }
-    return names;
-}
-
 using LoginForwarding = ReportFixture;
 
 }  // namespace

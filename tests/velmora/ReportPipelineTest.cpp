@@ -75,11 +75,6 @@ namespace {
 
 using ReportPipeline = ReportFixture;
 
-BlockTraffic Since(const BlockTraffic& before) {
-    BlockTraffic now = CurrentBlockTraffic();
-    return {now.nAllocs - before.nAllocs, now.nFrees - before.nFrees};
-}
-
 // Whether the month, day, hour and minute of a stamp "[MM/DD HH:MM:..." lie between two
 // local times taken around the report, however long it took (a year's end wraps).
 bool StampIsBetween(const std::string& stamp, const SYSTEMTIME& before, const SYSTEMTIME& after) {

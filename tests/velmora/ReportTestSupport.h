@@ -37,9 +37,56 @@ unsigned LastAllocationFlags();
 // While true, GlobalAlloc fails (returns null) without allocating.
 void FailBlockAllocations(bool bFail);
 
+// The traffic since an earlier count.
+inline BlockTraffic Since(const BlockTraffic& before) {
+    BlockTraffic now = CurrentBlockTraffic();
+    return {now.nAllocs - before.nAllocs, now.nFrees - before.nFrees};
+}
+
 // The result of EnableLoggerSysTime, also interposed: 0 passes the call to the closed
 // library's own function, anything else is returned instead.
 void SetLoggerSysTimeResult(int nResult);
+
+// ---- Trace lines ------------------------------------------------------------------------
+
+// The messages of the TRACE records of the calling thread, in order, without their closing
+// ';'.
+inline std::vector<std::string> TraceMessages(const std::string& log) {
+    std::vector<std::string> messages;
+    const std::string head = ";TRACE;" + velmora_log_test::ThreadText() + ";";
+    for (const std::string& line : velmora_test::SplitLines(log)) {
+        size_t at = line.find(head);
+        if (at == std::string::npos) continue;
+        std::string message = line.substr(at + head.size());
+        if (!message.empty() && message.back() == ';') message.pop_back();
+        messages.push_back(message);
+    }
+    return messages;
+}
+
+// Whether a trace message is "Velmora Line:<n> <name> <description>".
+inline bool IsTraceOf(const std::string& message, const std::string& name,
+                      const std::string& description = "") {
+    const std::string head = "Velmora Line:";
+    if (message.compare(0, head.size(), head) != 0) return false;
+    size_t at = head.size();
+    size_t digits = 0;
+    while (at < message.size() && message[at] >= '0' && message[at] <= '9') ++at, ++digits;
+    if (digits == 0 || at >= message.size() || message[at] != ' ') return false;
+    return message.substr(at + 1) == name + " " + description;
+}
+
+// The operation names of the trace messages of a log, in order.
+inline std::vector<std::string> TracedNames(const std::string& log) {
+    std::vector<std::string> names;
+    for (const std::string& message : TraceMessages(log)) {
+        const std::string head = "Velmora Line:";
+        size_t at = message.find(' ', head.size());
+        if (message.rfind(head, 0) != 0 || at == std::string::npos) continue;
+        names.push_back(message.substr(at + 1, message.find(' ', at + 1) - at - 1));
+    }
+    return names;
+}
 
 // ---- A console that records ------------------------------------------------------------
 
