@@ -124,6 +124,10 @@ inline bool IsWholeBlock(Report_Types::DEF nType, const char* szBlock) {
 }
 
 // The local console: it takes each block, checks it and frees it, as a console owns it.
+// With bGrepGate it also checks that, while a shell command's grep text is set, every
+// report but shell output that gets through holds that text. Commands and repeat passes
+// run one at a time, and the console is called within them, so the text can't change
+// between the gate and here.
 class Console : public CReportConsoleInf {
 public:
     void LogReport(Report_Types::DEF nType, char* szBlock) override { Take(nType, szBlock); }
@@ -131,9 +135,17 @@ public:
         Take(nType, szBlock);
     }
 
+    bool bGrepGate = false;
+
 private:
-    static void Take(Report_Types::DEF nType, char* szBlock) {
+    void Take(Report_Types::DEF nType, char* szBlock) {
         Check(IsWholeBlock(nType, szBlock), "a console block isn't a whole terminated block");
+        if (bGrepGate && nType != Report_Types::REPORT_FS_OUTPUT) {
+            char szGrep[sizeof(velmora.szGrepText)];
+            velmora_core::RelaxedLoadText(velmora.szGrepText, szGrep, sizeof(szGrep));
+            Check(szGrep[0] == '\0' || strstr(szBlock, szGrep) != nullptr,
+                  "a report without the grep text reached the console");
+        }
         GlobalFree(szBlock);
     }
 };

@@ -1,7 +1,8 @@
 // ShellCommand as hosts call it: any source or none, any word, any argument text or none,
 // up to four commands an input, so that the word "repeat" finds a command before it. A
 // local console, a remote console and a module are plugged in, so the echo, the grep gate,
-// the dispatch, "runtime" and "config" all run, and the module checks every delivery.
+// the dispatch, "runtime" and "config" all run; the module checks every delivery and the
+// console the grep gate.
 //
 // Repeats: a command may start repeat threads. When an input ends, every repeat still in
 // the map is stopped as "repeat -stop" stops one (its event set, its entry erased), and the
@@ -24,6 +25,7 @@ velmora_fuzz::Module g_module;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     velmora_fuzz::StartService("ShellCommand");
+    g_console.bGrepGate = true;
     velmora.SetReportConsole(&g_console);
     velmora.EnableRemoteConsole(&g_remote);
     velmora.SubscribeMaitenance(&g_module);
