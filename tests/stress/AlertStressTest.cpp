@@ -10,14 +10,12 @@
 
 namespace {
 
-using velmora_stress::RunThreads;
-using velmora_stress::Scaled;
-using velmora_stress::WaitUntil;
 namespace QAS = QUOREL_ALERT_SYSTEM;
+using velmora_alert_test::EventLine;
 
 constexpr int kThreads = 8;
 constexpr int kShared = 3;  // texts that every thread raises; each thread has one more of its own
-constexpr int kPhases = 3;  // one repeat interval each
+constexpr int kPhases = 3;  // of many alerts, one repeat interval each, then one of a single round
 
 // What a receiver got for one text: -1 for the first delivery (no total), then the totals.
 struct Received {
@@ -25,79 +23,70 @@ struct Received {
     std::vector<int> levels;
 };
 
-void Note(std::map<std::string, Received>& received, const std::string& delivered, int nLevel) {
-    const size_t at = delivered.rfind("[Total:");
-    Received& r = received[delivered.substr(0, at)];
-    r.totals.push_back(at == std::string::npos ? -1 : std::atoi(delivered.c_str() + at + 7));
-    r.levels.push_back(nLevel);
-}
-
-class StressAlerts : public velmora_stress::ServiceFixture {
+class StressAlerts : public ::testing::Test {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
         velmora_alert_test::MoveTickCountTo(0x40000000);
         velmora.SetAlertSystem(&alertSystem);
         ASSERT_TRUE(velmora.ConnectMonitor(true, tmp.file("monitor.txt").c_str()));
+    }
+    void TearDown() override {
+        velmora.SetAlertSystem(nullptr);
+        velmora.DisconnectMonitor(true);
     }
 
     // Both receivers, text by text.
     std::map<std::string, Received> Deliveries() {
         std::map<std::string, Received> received;
-        for (const velmora_alert_test::Delivery& d : alertSystem.Deliveries()) Note(received, d.text, d.nLevel);
+        auto note = [&](const std::string& delivered, int nLevel) {
+            const size_t at = delivered.rfind("[Total:");
+            Received& r = received[delivered.substr(0, at)];
+            r.totals.push_back(at == std::string::npos ? -1 : std::atoi(delivered.c_str() + at + 7));
+            r.levels.push_back(nLevel);
+        };
+        for (const velmora_alert_test::Delivery& d : alertSystem.Deliveries()) note(d.text, d.nLevel);
         const std::string monitor = velmora_test::ReadFile(tmp.file("monitor.txt"));
         for (size_t at = 0, end; (end = monitor.find("\r\n", at)) != std::string::npos; at = end + 2)
-            Note(received, monitor.substr(at + 14, end - at - 14), -1);  // behind "HH:MM:SS[mmm];"
+            note(monitor.substr(at + 14, end - at - 14), -1);  // behind "HH:MM:SS[mmm];"
         return received;
     }
 
+    velmora_test::TempDir tmp;
     velmora_alert_test::RecordingAlertSystem alertSystem;
 };
 
-// The composed texts as the receivers get them.
-std::string SharedEvent(int s) {
-    return velmora_alert_test::EventLine(QAS::GetAlertEventDescription(QAS::ROUTE_DISABLED), "Gateway",
-                                         "G" + std::to_string(s), "route off");
-}
-std::string OwnEvent(int t) {
-    return velmora_alert_test::EventLine(QAS::GetAlertEventDescription(QAS::DATABASE_DOWN),
-                                         "Thread" + std::to_string(t), "", "db down");
-}
-std::string SharedText(int s) { return "From:Host" + std::to_string(s) + " feed down\n"; }
-std::string OwnText(int t) { return "stall " + std::to_string(t); }
-
-// One round of a thread: every shared alert of both forms, and its own of both forms.
+// One round of a thread: every shared alert of both forms, and its own of both forms, each
+// counted under the text its receiver gets.
 void RaiseRound(int t, std::map<std::string, int>& raised) {
     for (int s = 0; s < kShared; ++s) {
-        velmora.AlertMsg(t, QAS::ROUTE_DISABLED, "Gateway", ("G" + std::to_string(s)).c_str(), "route off");
-        velmora.AlertMsg("feed down", ("Host" + std::to_string(s)).c_str());
-        ++raised[SharedEvent(s)];
-        ++raised[SharedText(s)];
+        const std::string ref = "G" + std::to_string(s), host = "Host" + std::to_string(s);
+        velmora.AlertMsg(t, QAS::ROUTE_DISABLED, "Gateway", ref.c_str(), "route off");
+        velmora.AlertMsg("feed down", host.c_str());
+        ++raised[EventLine(QAS::GetAlertEventDescription(QAS::ROUTE_DISABLED), "Gateway", ref, "route off")];
+        ++raised["From:" + host + " feed down\n"];
     }
-    velmora.AlertMsg(1, QAS::DATABASE_DOWN, ("Thread" + std::to_string(t)).c_str(), "", "db down");
-    velmora.AlertMsg(OwnText(t).c_str(), nullptr);
-    ++raised[OwnEvent(t)];
-    ++raised[OwnText(t)];
+    const std::string source = "Thread" + std::to_string(t), text = "stall " + std::to_string(t);
+    velmora.AlertMsg(1, QAS::DATABASE_DOWN, source.c_str(), "", "db down");
+    velmora.AlertMsg(text.c_str(), nullptr);
+    ++raised[EventLine(QAS::GetAlertEventDescription(QAS::DATABASE_DOWN), source, "", "db down")];
+    ++raised[text];
 }
 
 TEST_F(StressAlerts, TotalsOfBothFormsAddUpToEveryAlertRaised) {
     velmora_stress::Watchdog watchdog("StressAlerts");
-    const int nRounds = Scaled(150);
-    // Alerts raised up to the end of each phase, text by text.
-    std::vector<std::map<std::string, int>> raisedBy(kPhases + 1);
+    const int nRounds = velmora_stress::Scaled(300);
     std::map<std::string, int> raised;
+    std::vector<std::map<std::string, int>> raisedBy(kPhases + 1);  // by the end of each phase
     for (int phase = 0; phase <= kPhases; ++phase) {
-        // The last phase is one round of each thread after the last interval: its flush
-        // delivers the final totals.
         std::vector<std::map<std::string, int>> byThread(kThreads);
-        RunThreads(kThreads, [&](int t) {
+        velmora_stress::RunThreads(kThreads, [&](int t) {
             for (int i = 0; i < (phase < kPhases ? nRounds : 1); ++i) RaiseRound(t, byThread[t]);
         });
         for (const auto& counts : byThread)
             for (const auto& [text, n] : counts) raised[text] += n;
         raisedBy[phase] = raised;
-        // Within the interval each text is delivered once, new or with its total so far.
-        ASSERT_TRUE(WaitUntil([&] {
+        // Within the interval each text is delivered once: new, or with its total so far.
+        ASSERT_TRUE(velmora_stress::WaitUntil([&] {
             std::map<std::string, Received> received = Deliveries();
             for (const auto& entry : raised)
                 if (received[entry.first].totals.size() < size_t(phase + 1)) return false;

@@ -39,9 +39,7 @@ bool Walk(std::map<std::string, int>& counts) {
     return bInOrder;
 }
 
-using StressDiagnostics = velmora_stress::ServiceFixture;
-
-TEST_F(StressDiagnostics, UsageCountsAddUpWhileWalksRun) {
+TEST(StressDiagnostics, UsageCountsAddUpWhileWalksRun) {
     velmora_stress::Watchdog watchdog("StressDiagnostics");
     // The counters live as long as the process; the test gives them back for the leak checker.
     struct FreeCounters {
@@ -110,7 +108,7 @@ std::map<int, std::vector<std::string>> TagRecords(const std::string& log) {
 
 // Eight threads keep two tags open at a time each, in a table of 16 entries: a new tag can
 // find its entry held (and is refused), or take it over from a tag that it then silences.
-TEST_F(StressDiagnostics, EveryTagNumberIsGivenOnceAndEveryEventThatSucceedsLeavesOneRecord) {
+TEST(StressDiagnostics, EveryTagNumberIsGivenOnceAndEveryEventThatSucceedsLeavesOneRecord) {
     velmora_stress::Watchdog watchdog("StressDiagnostics");
     const int nPairs = Scaled(500);
     velmora.EnableTaggingSystems(16);
@@ -154,7 +152,7 @@ TEST_F(StressDiagnostics, EveryTagNumberIsGivenOnceAndEveryEventThatSucceedsLeav
     EXPECT_EQ(int(numbers.size()), nOpened) << "a number was given out twice";
     EXPECT_EQ(nOpened + nRefused, kThreads * nPairs * 2);
     EXPECT_EQ(std::atomic_ref<int>(velmora.nTagCounter).load() - nCounterBefore, kThreads * nPairs * 2);
-    EXPECT_EQ(TagRecords(LogText()), events);
+    EXPECT_EQ(TagRecords(velmora_stress::LogText()), events);
     // A tag that finished is gone.
     for (const auto& [nTag, texts] : events) {
         if (texts.back() == "fin") {

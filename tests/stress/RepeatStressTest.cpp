@@ -59,9 +59,7 @@ struct Command {
 constexpr Command kCommands[] = {{"snapshot", "sp", 1}, {"counter", "ct", 3}, {"depth", "dp", 5},
                                  {"clientstatus", "cs", 11}};
 
-using StressRepeats = velmora_stress::ServiceFixture;
-
-TEST_F(StressRepeats, EveryRepeatStopsOnceAndNoPassOutlivesItsStop) {
+TEST(StressRepeats, EveryRepeatStopsOnceAndNoPassOutlivesItsStop) {
     velmora_stress::Watchdog watchdog("StressRepeats");
     Module module;
     velmora_stress::Subscription subscription(&module);

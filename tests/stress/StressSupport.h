@@ -11,13 +11,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <latch>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,26 +40,19 @@ class Watchdog {
 public:
     explicit Watchdog(const char* szCase)
         : m_thread([this, szCase] {
-              std::unique_lock<std::mutex> lock(m_mutex);
-              if (m_done.wait_for(lock, std::chrono::seconds(120) * Scale(), [&] { return m_bDone; }))
+              if (m_done.get_future().wait_for(std::chrono::seconds(120) * Scale()) == std::future_status::ready)
                   return;
               std::fprintf(stderr, "stress case %s still runs after its bound: hung\n", szCase);
               std::abort();
           }) {}
     ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_bDone = true;
-        }
-        m_done.notify_all();
+        m_done.set_value();
         m_thread.join();
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_bDone = false;
-    std::thread m_thread;  // last: it uses the members above
+    std::promise<void> m_done;
+    std::thread m_thread;  // last: it uses m_done
 };
 
 // Runs fn(0) to fn(nThreads - 1), each on a thread of its own, released together, and
@@ -128,23 +120,12 @@ private:
 inline ::testing::Environment* const g_pServiceEnvironment =
     ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
 
-// A test of the running service: what it plugs in is unplugged at its end.
-class ServiceFixture : public ::testing::Test {
-protected:
-    void TearDown() override {
-        velmora.SetReportConsole(nullptr);
-        velmora.SetAlertSystem(nullptr);
-    }
-
-    // The whole default log, once everything handed to it is in the file.
-    static std::string LogText() {
-        char szPath[MAX_PATH] = "";
-        globalDefaultLog->FlushLog();
-        globalDefaultLog->GetFullLogPath(szPath, sizeof(szPath));
-        return velmora_test::ReadFile(szPath);
-    }
-
-    velmora_test::TempDir tmp;
-};
+// The whole default log, once everything handed to it is in the file.
+inline std::string LogText() {
+    char szPath[MAX_PATH] = "";
+    globalDefaultLog->FlushLog();
+    globalDefaultLog->GetFullLogPath(szPath, sizeof(szPath));
+    return velmora_test::ReadFile(szPath);
+}
 
 }  // namespace velmora_stress
