@@ -16,6 +16,15 @@ namespace {
 
 using AlertFlush = AlertFixture;
 namespace QAS = QUOREL_ALERT_SYSTEM;
+using Texts = std::vector<std::string>;
+using Deliveries = std::vector<Delivery>;
+
+void Advance(DWORD dwMilliseconds) { velmora_platform::AdvanceTickCount(dwMilliseconds); }
+// A flush as an alert asks for it.
+void FlushAsked() {
+    SetAlertsPending(true);
+    Flush();
+}
 
 // An event alert of level 1, event "Exception", source "S", reference "R".
 void Raise(const std::string& description, int nTimes = 1) {
@@ -28,6 +37,11 @@ AlertRecord* SysRecord(const std::string& description) { return SystemRecord(Lin
 
 // The record's state as the flush tells it.
 enum class State { kNew, kQuiet, kHeld, kRemoved };
+using enum State;
+void PrintTo(State state, std::ostream* os) {
+    static const char* const names[] = {"new", "quiet", "held", "removed"};
+    *os << names[int(state)];
+}
 State StateOf(std::map<std::string, AlertRecord*>& alerts, const std::string& key) {
     AlertRecord* pRecord = Find(alerts, key);
     if (pRecord == nullptr) return State::kRemoved;
@@ -37,47 +51,58 @@ State StateOf(std::map<std::string, AlertRecord*>& alerts, const std::string& ke
 State StateOf(const std::string& description) {
     return StateOf(velmora.mapSystemAlerts, Line(description));
 }
+// The states of event records by description, then of text records by text.
+std::vector<State> StatesOf(std::initializer_list<const char*> descriptions,
+                            std::initializer_list<const char*> texts = {}) {
+    std::vector<State> states;
+    for (const char* szDescription : descriptions) states.push_back(StateOf(szDescription));
+    for (const char* szText : texts) states.push_back(StateOf(velmora.mapMonitorAlerts, szText));
+    return states;
+}
+
+// A record's total and pending count.
+std::pair<int, int> Counts(const AlertRecord* pRecord) {
+    return {pRecord->nTotal, pRecord->nPending};
+}
+void SetRecord(AlertRecord* pRecord, DWORD dwLastSent, int nTotal, int nPending) {
+    pRecord->dwLastSent = dwLastSent;
+    pRecord->nTotal = nTotal;
+    pRecord->nPending = nPending;
+}
 
 // New -> New -> Quiet -> Held -> Held -> Quiet: the first delivery has no total, occurrences
 // within the interval wait, and with no further alert they wait without limit.
 TEST_F(AlertFlush, RecordGoesFromNewToQuietToHeldAndBack) {
     Raise("feed down", 5);
-    EXPECT_EQ(StateOf("feed down"), State::kNew);
+    EXPECT_EQ(StateOf("feed down"), kNew);
     AlertRecord* pRecord = SysRecord("feed down");
     ASSERT_NE(pRecord, nullptr);
     EXPECT_EQ(pRecord->nPending, 5);
 
     const DWORD dwBefore = GetTickCount();
     Flush();
-    EXPECT_EQ(StateOf("feed down"), State::kQuiet);
-    EXPECT_EQ(pRecord->nTotal, 5);
-    EXPECT_EQ(pRecord->nPending, 0);
+    EXPECT_EQ(StateOf("feed down"), kQuiet);
+    EXPECT_EQ(Counts(pRecord), std::pair(5, 0));
     EXPECT_LE(DWORD(pRecord->dwLastSent - dwBefore), 1000u);
     EXPECT_FALSE(AlertsPending());
-    std::vector<Delivery> deliveries = alertSystem.Deliveries();
-    ASSERT_EQ(deliveries.size(), 1u);
-    EXPECT_EQ(deliveries[0].nLevel, 1);
-    EXPECT_EQ(deliveries[0].nEvent, 1);
-    EXPECT_EQ(deliveries[0].source, "S");
-    EXPECT_EQ(deliveries[0].ref, "R");
-    EXPECT_EQ(deliveries[0].text, Line("feed down"));
+    EXPECT_EQ(alertSystem.Deliveries(), Deliveries({{1, 1, "S", "R", Line("feed down")}}));
 
     // Six more just behind the delivery: held, and no flush is asked for.
     Raise("feed down", 6);
-    EXPECT_EQ(StateOf("feed down"), State::kHeld);
+    EXPECT_EQ(StateOf("feed down"), kHeld);
     EXPECT_EQ(pRecord->nPending, 6);
     EXPECT_FALSE(AlertsPending());
     // A flush within the interval (asked for by someone) keeps it held.
     velmora.AlertMsg(1, QAS::EXCEPTION, "S", "R", "other");
-    velmora_platform::AdvanceTickCount(30000);
+    Advance(30000);
     Flush();
-    EXPECT_EQ(StateOf("feed down"), State::kHeld);
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("feed down"), Line("other")}));
+    EXPECT_EQ(StateOf("feed down"), kHeld);
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("feed down"), Line("other")}));
 
     // Time alone delivers nothing: no alert, no flush.
-    velmora_platform::AdvanceTickCount(10 * 60000);
+    Advance(10 * 60000);
     Flush();
-    EXPECT_EQ(StateOf("feed down"), State::kHeld);
+    EXPECT_EQ(StateOf("feed down"), kHeld);
     EXPECT_EQ(pRecord->nPending, 6);
     EXPECT_EQ(alertSystem.Deliveries().size(), 2u);
 
@@ -87,11 +112,10 @@ TEST_F(AlertFlush, RecordGoesFromNewToQuietToHeldAndBack) {
     velmora.AlertMsg("a text alert", nullptr);
     EXPECT_TRUE(AlertsPending());
     Flush();
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("feed down") + "[Total:11]"}));
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({"a text alert"}));
-    EXPECT_EQ(StateOf("feed down"), State::kQuiet);
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("feed down") + "[Total:11]"}));
+    EXPECT_EQ(MonitorAlerts(), Texts({"a text alert"}));
     // "other" had nothing new, and has been quiet for more than twice the interval.
-    EXPECT_EQ(StateOf("other"), State::kRemoved);
+    EXPECT_EQ(StatesOf({"feed down", "other"}), std::vector<State>({kQuiet, kRemoved}));
     EXPECT_EQ(pRecord->nTotal, 11);
     // The stored text doesn't take the total.
     EXPECT_EQ(pRecord->strDescription, Line("feed down"));
@@ -107,37 +131,27 @@ TEST_F(AlertFlush, ReceiversGetTheComposedTextWithTheTotalStraightBehindIt) {
     velmora.nAlertRepeatMS = 3600000;
     Flush();
 
-    std::vector<Delivery> deliveries = alertSystem.Deliveries();
-    ASSERT_EQ(deliveries.size(), 1u);
+    const std::string login = EventLine("User Login Failed", "(null)", "(null)", "bad password");
     EXPECT_EQ(alertSystem.nNullArguments, 0);
-    EXPECT_EQ(deliveries[0].nLevel, 7);
-    EXPECT_EQ(deliveries[0].nEvent, 105);
-    EXPECT_EQ(deliveries[0].source, "");
-    EXPECT_EQ(deliveries[0].ref, "");
-    EXPECT_EQ(deliveries[0].text, EventLine("User Login Failed", "(null)", "(null)", "bad password"));
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({"Down", "From:HostA Down\n"}));
+    EXPECT_EQ(alertSystem.Deliveries(), Deliveries({{7, 105, "", "", login}}));
+    EXPECT_EQ(MonitorAlerts(), Texts({"Down", "From:HostA Down\n"}));
 
     velmora.AlertMsg(7, QAS::USER_LOGIN_FAILED, nullptr, nullptr, "bad password");
     velmora.AlertMsg("Down", "HostA");
     velmora.AlertMsg("Down", nullptr);
-    velmora_platform::AdvanceTickCount(3600001);
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(alertSystem.Texts().back(),
-              EventLine("User Login Failed", "(null)", "(null)", "bad password") + "[Total:2]");
-    std::vector<std::string> monitor = MonitorAlerts();
-    ASSERT_EQ(monitor.size(), 4u);
-    EXPECT_EQ(monitor[2], "Down[Total:2]");
-    EXPECT_EQ(monitor[3], "From:HostA Down\n[Total:3]");
+    Advance(3600001);
+    FlushAsked();
+    EXPECT_EQ(alertSystem.Texts().back(), login + "[Total:2]");
+    EXPECT_EQ(MonitorAlerts(), Texts({"Down", "From:HostA Down\n", "Down[Total:2]",
+                                      "From:HostA Down\n[Total:3]"}));
 
     // The longest stored text with a total: 511 characters and the total behind them.
     const std::string description = velmora_log_test::Letters(600);
-    velmora.AlertMsg(1, QAS::ALGO_ALERT, "A", "B", description.c_str());
-    velmora.AlertMsg(1, QAS::ALGO_ALERT, "A", "B", description.c_str());
-    Flush();
-    velmora_platform::AdvanceTickCount(3600001);
-    velmora.AlertMsg(1, QAS::ALGO_ALERT, "A", "B", description.c_str());
-    Flush();
+    for (int i = 0; i < 3; ++i) {
+        velmora.AlertMsg(1, QAS::ALGO_ALERT, "A", "B", description.c_str());
+        if (i > 0) Flush();
+        if (i == 1) Advance(3600001);
+    }
     const std::string line = EventLine("Algo Alert", "A", "B", description).substr(0, 511);
     EXPECT_EQ(alertSystem.Texts().back(), line + "[Total:3]");
 
@@ -157,9 +171,8 @@ TEST_F(AlertFlush, AFlushRunsAndTracesOnlyWhenAsked) {
     EXPECT_TRUE(alertSystem.Deliveries().empty());
     EXPECT_EQ(CountOf(LogText(), " CVelmora::FlushAlerts ;\r\n"), 0);
 
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("x")}));
+    FlushAsked();
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("x")}));
     EXPECT_EQ(CountOf(LogText(), " CVelmora::FlushAlerts ;\r\n"), 1);
 }
 
@@ -179,26 +192,18 @@ TEST_F(AlertFlush, TheRepeatIntervalHoldsUpToItsLastMillisecond) {
                 std::nullopt,
                 [&](DWORD dwTick) {
                     dwLast = DWORD(dwTick - dwElapsed);
-                    pRecord->dwLastSent = dwLast;
-                    pRecord->nTotal = 1;
-                    pRecord->nPending = 2;
+                    SetRecord(pRecord, dwLast, 1, 2);
                     alertSystem.Clear();
                     SetAlertsPending(true);
                 },
                 [] { Flush(); });
             SCOPED_TRACE(::testing::Message() << "interval " << nInterval << ", elapsed " << dwElapsed);
+            const bool bDue = dwElapsed > DWORD(nInterval);
             EXPECT_FALSE(AlertsPending());
-            if (dwElapsed == DWORD(nInterval)) {
-                EXPECT_EQ(StateOf("edge"), State::kHeld);
-                EXPECT_EQ(pRecord->dwLastSent, dwLast);
-                EXPECT_EQ(pRecord->nPending, 2);
-                EXPECT_TRUE(alertSystem.Deliveries().empty());
-            } else {
-                EXPECT_EQ(StateOf("edge"), State::kQuiet);
-                EXPECT_EQ(pRecord->dwLastSent, dwNow);
-                EXPECT_EQ(pRecord->nTotal, 3);
-                EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("edge") + "[Total:3]"}));
-            }
+            EXPECT_EQ(StateOf("edge"), bDue ? kQuiet : kHeld);
+            EXPECT_EQ(pRecord->dwLastSent, bDue ? dwNow : dwLast);
+            EXPECT_EQ(Counts(pRecord), bDue ? std::pair(3, 0) : std::pair(1, 2));
+            EXPECT_EQ(alertSystem.Texts(), bDue ? Texts({Line("edge") + "[Total:3]"}) : Texts());
         }
     }
 }
@@ -225,8 +230,8 @@ TEST_F(AlertFlush, AQuietRecordStaysUpToTwiceTheIntervalAndGoesOneMillisecondLat
             },
             [] { Flush(); });
         SCOPED_TRACE(dwElapsed);
-        EXPECT_EQ(StateOf("quiet"), dwElapsed == 180000 ? State::kQuiet : State::kRemoved);
-        EXPECT_EQ(StateOf("keeps"), State::kHeld);
+        EXPECT_EQ(StatesOf({"quiet", "keeps"}),
+                  std::vector<State>({dwElapsed == 180000 ? kQuiet : kRemoved, kHeld}));
     }
     EXPECT_EQ(velmora.mapSystemAlerts.size(), 1u);
     EXPECT_EQ(alertSystem.Deliveries().size(), 2u);  // the two first deliveries only
@@ -244,47 +249,37 @@ TEST_F(AlertFlush, OneRemovalPerMapAndFlushInKeyOrder) {
 
     // Everything was delivered together; "a-young" is delivered once more a little later,
     // and "e-held" has occurrences waiting.
-    velmora_platform::AdvanceTickCount(60001);
+    Advance(60001);
     Raise("a-young");
     Flush();
     Raise("e-held", 2);
-    velmora_platform::AdvanceTickCount(60001);
-    velmora_platform::AdvanceTickCount(1);
-    // Now "a-young" is quiet for 60002 ms, the others for 120003 ms.
+    Advance(60002);
+    // Now "a-young" is quiet for 60002 ms, the others for 120003 ms. The held record, older
+    // than twice the interval, is delivered and starts anew.
     alertSystem.Clear();
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(StateOf("a-young"), State::kQuiet);
-    EXPECT_EQ(StateOf("b-old"), State::kRemoved);
-    EXPECT_EQ(StateOf("c-old"), State::kQuiet);
-    EXPECT_EQ(StateOf("d-old"), State::kQuiet);
-    EXPECT_EQ(StateOf(velmora.mapMonitorAlerts, "m-old"), State::kRemoved);
-    EXPECT_EQ(StateOf(velmora.mapMonitorAlerts, "n-old"), State::kQuiet);
-    // The held record, older than twice the interval, was delivered and starts anew.
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("e-held") + "[Total:3]"}));
-    EXPECT_EQ(StateOf("e-held"), State::kQuiet);
-
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(StateOf("c-old"), State::kRemoved);
-    EXPECT_EQ(StateOf("d-old"), State::kQuiet);
-    EXPECT_EQ(StateOf(velmora.mapMonitorAlerts, "n-old"), State::kRemoved);
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(StateOf("d-old"), State::kRemoved);
-    EXPECT_EQ(StateOf("a-young"), State::kQuiet);
-    EXPECT_EQ(StateOf("e-held"), State::kQuiet);
+    const std::initializer_list<const char*> events = {"a-young", "b-old", "c-old", "d-old",
+                                                       "e-held"};
+    FlushAsked();
+    EXPECT_EQ(StatesOf(events, {"m-old", "n-old"}),
+              std::vector<State>({kQuiet, kRemoved, kQuiet, kQuiet, kQuiet, kRemoved, kQuiet}));
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("e-held") + "[Total:3]"}));
+    FlushAsked();
+    EXPECT_EQ(StatesOf(events, {"n-old"}),
+              std::vector<State>({kQuiet, kRemoved, kRemoved, kQuiet, kQuiet, kRemoved}));
+    FlushAsked();
+    EXPECT_EQ(StatesOf(events),
+              std::vector<State>({kQuiet, kRemoved, kRemoved, kRemoved, kQuiet}));
     EXPECT_EQ(velmora.mapSystemAlerts.size(), 2u);
     EXPECT_TRUE(velmora.mapMonitorAlerts.empty());
 
     // After its removal a text is new again: delivered without a total, counted from 1.
     Raise("b-old");
-    EXPECT_EQ(StateOf("b-old"), State::kNew);
+    EXPECT_EQ(StateOf("b-old"), kNew);
     Flush();
     EXPECT_EQ(alertSystem.Texts().back(), Line("b-old"));
     EXPECT_EQ(SysRecord("b-old")->nTotal, 1);
     Raise("b-old");
-    velmora_platform::AdvanceTickCount(60001);
+    Advance(60001);
     Raise("b-old");
     Flush();
     EXPECT_EQ(alertSystem.Texts().back(), Line("b-old") + "[Total:3]");
@@ -301,14 +296,13 @@ TEST_F(AlertFlush, TheWrapOfTheTickCountDoesNoHarm) {
     Raise("wrap", 2);
 
     // Past the wrap, within the interval: held.
-    velmora_platform::AdvanceTickCount(1000);
+    Advance(1000);
     ASSERT_LT(GetTickCount(), 60000u);
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(StateOf("wrap"), State::kHeld);
+    FlushAsked();
+    EXPECT_EQ(StateOf("wrap"), kHeld);
     // More than 60000 ms after the delivery, measured across the wrap, a repetition asks for
     // a flush and the flush delivers.
-    velmora_platform::AdvanceTickCount(60000);
+    Advance(60000);
     Raise("wrap");
     EXPECT_TRUE(AlertsPending());
     Flush();
@@ -319,17 +313,14 @@ TEST_F(AlertFlush, TheWrapOfTheTickCountDoesNoHarm) {
     WithinOneTick(
         DWORD(0),
         [&](DWORD) {
-            pRecord->dwLastSent = 0xFFFFFFFFu - 70000;
-            pRecord->nPending = 1;
-            pRecord->nTotal = 5;
+            SetRecord(pRecord, 0xFFFFFFFFu - 70000, 5, 1);
             SetAlertsPending(true);
         },
         [] { Flush(); });
     EXPECT_EQ(pRecord->dwLastSent, 0u);
-    EXPECT_EQ(StateOf("wrap"), State::kNew);
+    EXPECT_EQ(StateOf("wrap"), kNew);
     Raise("wrap");
-    SetAlertsPending(true);
-    Flush();
+    FlushAsked();
     EXPECT_EQ(alertSystem.Texts().back(), Line("wrap"));
     EXPECT_EQ(pRecord->nTotal, 7);
 }
@@ -338,16 +329,14 @@ TEST_F(AlertFlush, TheWrapOfTheTickCountDoesNoHarm) {
 // flush delivers the rest and nothing twice.
 TEST_F(AlertFlush, AFailingReceiverEndsTheFlushAndTheNextFlushGoesOn) {
     directory.repeatMinutes = 4;
-    Raise("a");
-    Raise("b");
-    Raise("c");
+    for (const char* szDescription : {"a", "b", "c"}) Raise(szDescription);
     velmora.AlertMsg("m", nullptr);
     alertSystem.nFailOnCall = 2;
     Flush();
 
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("a"), Line("b")}));
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("a"), Line("b")}));
     EXPECT_TRUE(AlertsPending());
-    EXPECT_EQ(StateOf("a"), State::kQuiet);
+    EXPECT_EQ(StateOf("a"), kQuiet);
     EXPECT_EQ(SysRecord("b")->nPending, 0);
     EXPECT_EQ(SysRecord("c")->nPending, 1);
     EXPECT_EQ(MonitorRecord("m")->nPending, 1);
@@ -361,12 +350,12 @@ TEST_F(AlertFlush, AFailingReceiverEndsTheFlushAndTheNextFlushGoesOn) {
     }).join();
     EXPECT_TRUE(bFree) << "the alert lock is still held after the failure";
     const std::string report = "CVelmora::FlushAlerts receiver down\n";
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({report}));
+    EXPECT_EQ(MonitorAlerts(), Texts({report}));
     EXPECT_EQ(CountOf(LogText(), Record("[Exception]", report)), 1);
 
     Flush();
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("a"), Line("b"), Line("c")}));
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({report, "m"}));
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("a"), Line("b"), Line("c")}));
+    EXPECT_EQ(MonitorAlerts(), Texts({report, "m"}));
     EXPECT_FALSE(AlertsPending());
 }
 
@@ -379,14 +368,9 @@ TEST_F(AlertFlush, WithoutReceiversRecordsAreCountedAndOnlyWhatIsPendingLaterIsS
     velmora.SetAlertSystem(nullptr);
     Flush();
 
-    AlertRecord* pText = MonitorRecord("From:HostA Down\n");
-    AlertRecord* pEvent = SysRecord("unplugged");
-    ASSERT_NE(pText, nullptr);
-    ASSERT_NE(pEvent, nullptr);
-    EXPECT_EQ(StateOf(velmora.mapMonitorAlerts, "From:HostA Down\n"), State::kQuiet);
-    EXPECT_EQ(pText->nTotal, 2);
-    EXPECT_EQ(StateOf("unplugged"), State::kQuiet);
-    EXPECT_EQ(pEvent->nTotal, 2);
+    EXPECT_EQ(StatesOf({"unplugged"}, {"From:HostA Down\n"}), std::vector<State>({kQuiet, kQuiet}));
+    EXPECT_EQ(MonitorRecord("From:HostA Down\n")->nTotal, 2);
+    EXPECT_EQ(SysRecord("unplugged")->nTotal, 2);
     EXPECT_TRUE(alertSystem.Deliveries().empty());
     EXPECT_TRUE(MonitorAlerts().empty());
 
@@ -395,11 +379,10 @@ TEST_F(AlertFlush, WithoutReceiversRecordsAreCountedAndOnlyWhatIsPendingLaterIsS
     velmora.SetAlertSystem(&alertSystem);
     Raise("unplugged");
     ConnectMonitor();
-    velmora_platform::AdvanceTickCount(60001);
-    SetAlertsPending(true);
-    Flush();
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({"From:HostA Down\n[Total:3]"}));
-    EXPECT_EQ(alertSystem.Texts(), std::vector<std::string>({Line("unplugged") + "[Total:3]"}));
+    Advance(60001);
+    FlushAsked();
+    EXPECT_EQ(MonitorAlerts(), Texts({"From:HostA Down\n[Total:3]"}));
+    EXPECT_EQ(alertSystem.Texts(), Texts({Line("unplugged") + "[Total:3]"}));
 }
 
 // After a flush that delivered more than the interval after the last delivery, the interval
@@ -414,8 +397,7 @@ TEST_F(AlertFlush, TheIntervalIsReadAgainAfterADeliveringFlush) {
 
     // A flush that delivers nothing reads nothing.
     Raise("r");
-    SetAlertsPending(true);
-    Flush();
+    FlushAsked();
     EXPECT_EQ(directory.nRepeatReads, 1);
 
     struct Step {
@@ -427,7 +409,7 @@ TEST_F(AlertFlush, TheIntervalIsReadAgainAfterADeliveringFlush) {
     int nReads = 1;
     for (const Step& step : steps) {
         directory.repeatMinutes = step.minutes;
-        velmora_platform::AdvanceTickCount(DWORD(velmora.nAlertRepeatMS) + 1);
+        Advance(DWORD(velmora.nAlertRepeatMS) + 1);
         Raise("r");
         Flush();
         SCOPED_TRACE(step.minutes ? *step.minutes : -999);
@@ -443,25 +425,20 @@ TEST_F(AlertFlush, TheIntervalIsReadAgainAfterADeliveringFlush) {
     EXPECT_EQ(alertSystem.Texts().back(), Line("early"));
     EXPECT_EQ(directory.nRepeatReads, nReads);
 
-    // Without a directory the interval stays.
-    _G_Directory = nullptr;
-    velmora_platform::AdvanceTickCount(60001);
-    Raise("early");
+    // Without a directory, or with one that fails (reported), the interval stays.
     directory.repeatMinutes = 9;
-    Flush();
-    EXPECT_EQ(alertSystem.Texts().back(), Line("early") + "[Total:2]");
-    EXPECT_EQ(velmora.nAlertRepeatMS, 60000);
-
-    // A directory that fails is reported, and the interval stays.
-    _G_Directory = &directory;
-    directory.bFailWin32 = true;
-    velmora_platform::AdvanceTickCount(60001);
-    Raise("early");
-    Flush();
-    EXPECT_EQ(alertSystem.Texts().back(), Line("early") + "[Total:3]");
-    EXPECT_EQ(velmora.nAlertRepeatMS, 60000);
+    for (bool bDirectory : {false, true}) {
+        SCOPED_TRACE(bDirectory ? "failing directory" : "no directory");
+        _G_Directory = bDirectory ? &directory : nullptr;
+        directory.bFailWin32 = bDirectory;
+        Advance(60001);
+        Raise("early");
+        Flush();
+        EXPECT_EQ(alertSystem.Texts().back(), Line("early") + (bDirectory ? "[Total:3]" : "[Total:2]"));
+        EXPECT_EQ(velmora.nAlertRepeatMS, 60000);
+    }
     EXPECT_FALSE(AlertsPending());
-    EXPECT_EQ(MonitorAlerts(), std::vector<std::string>({"CVelmora::FlushAlerts directory down\n"}));
+    EXPECT_EQ(MonitorAlerts(), Texts({"CVelmora::FlushAlerts directory down\n"}));
 }
 
 // An alert system that also notes the record's total at each delivery (it is called under
@@ -513,7 +490,7 @@ TEST_F(AlertFlush, ManyThreadsLoseNothing) {
     while (nStarted < kThreads) Sleep(1);
     for (int nFlush = 0; nFlush < 20; ++nFlush) {
         Flush();
-        if (nFlush < 5) velmora_platform::AdvanceTickCount(15000);
+        if (nFlush < 5) Advance(15000);
         Sleep(2);
     }
     bStop = true;
@@ -553,7 +530,7 @@ TEST_F(AlertFlush, ManyThreadsLoseNothing) {
 
     // One more interval, one more alert: everything pending is delivered, and the last
     // delivered totals are the numbers raised.
-    velmora_platform::AdvanceTickCount(60001);
+    Advance(60001);
     velmora.AlertMsg("last", nullptr);
     Flush();
     totals = totalsSystem.totals;
@@ -627,7 +604,7 @@ TEST_F(AlertTimer, TheTimerThreadDeliversWhatIsDue) {
 
     // Held occurrences wait; a late one asks for a flush that delivers their total.
     for (int i = 0; i < 2; ++i) velmora.AlertMsg(4, QAS::ROUTE_DISABLED, "Gateway", "G7", "route off");
-    velmora_platform::AdvanceTickCount(180001);
+    Advance(180001);
     velmora.AlertMsg(4, QAS::ROUTE_DISABLED, "Gateway", "G7", "route off");
     ASSERT_TRUE(Eventually([&] { return alertSystem.Deliveries().size() == 2; }));
     EXPECT_EQ(alertSystem.Texts()[1], line + "[Total:6]");

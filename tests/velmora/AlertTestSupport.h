@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,7 +32,13 @@ struct Delivery {
     std::string source;
     std::string ref;
     std::string text;
+    bool operator==(const Delivery&) const = default;
 };
+inline void PrintTo(const Delivery& d, std::ostream* os) {
+    *os << "{" << d.nLevel << ", " << d.nEvent << ", " << ::testing::PrintToString(d.source)
+        << ", " << ::testing::PrintToString(d.ref) << ", " << ::testing::PrintToString(d.text)
+        << "}";
+}
 
 // Keeps a copy of every alert it is given. It can be told to throw a host's
 // win32_exception on one call (counted from 1 over its life).
