@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 using namespace velmora_namelock_test;
 
@@ -37,6 +38,24 @@ std::unique_ptr<Worker<bool>> Async(Fn fn) {
     return std::make_unique<Worker<bool>>(std::function<bool()>(fn));
 }
 
+// Whether a call on another thread came back within kLong with bExpected.
+::testing::AssertionResult Returned(Worker<bool>& worker, bool bExpected) {
+    if (!worker.Done(kLong)) return ::testing::AssertionFailure() << "the call didn't come back";
+    if (worker.Get() != bExpected) return ::testing::AssertionFailure() << "it returned " << !bExpected;
+    return ::testing::AssertionSuccess();
+}
+// The same for one call started here.
+template <class Fn>
+::testing::AssertionResult ReturnsOnAnotherThread(bool bExpected, Fn fn) {
+    return Returned(*Async(fn), bExpected);
+}
+// Whether a holder's lock call came back within kLong with the lock.
+::testing::AssertionResult GotTheLock(Holder& holder) {
+    if (!holder.Returned(kLong)) return ::testing::AssertionFailure() << "the lock call didn't come back";
+    if (!holder.Locked()) return ::testing::AssertionFailure() << "the lock call failed";
+    return ::testing::AssertionSuccess();
+}
+
 // Whether another thread gets the name at once; it gives it back at once if so.
 bool FreeForOthers(CNameLock& lock, const std::string& name) {
     Worker<bool> w([&] {
@@ -49,6 +68,30 @@ bool FreeForOthers(CNameLock& lock, const std::string& name) {
         return false;
     }
     return w.Get();
+}
+
+// No name in the table, and the table whole, for a pool of nCount records.
+::testing::AssertionResult EmptyAndConsistent(CNameLock& lock, int nCount) {
+    if (!Snapshot(lock).names.empty()) return ::testing::AssertionFailure() << "names left";
+    return TableIsConsistent(lock, nCount);
+}
+
+// A record's readers, writer mark and the two events, read under its state mutex.
+struct Picture {
+    int nReaders;
+    int bWriter;
+    bool bNoWriterSignalled;
+    bool bNoReadersSignalled;
+    bool operator==(const Picture&) const = default;
+};
+void PrintTo(const Picture& p, std::ostream* os) {
+    *os << "{readers " << p.nReaders << ", writer " << p.bWriter << ", no-writer event "
+        << p.bNoWriterSignalled << ", no-readers event " << p.bNoReadersSignalled << "}";
+}
+Picture PictureOf(_tagNameLock* pRecord) {
+    ReaderState state = StateOf(pRecord);
+    return {state.nReaders, state.bWriter, IsSignalled(pRecord->hNoWriterEvent),
+            IsSignalled(pRecord->hNoReadersEvent)};
 }
 
 }  // namespace
@@ -68,15 +111,13 @@ TEST(NameLockOperations, AHolderKeepsOthersOutUntilItUnlocks) {
         EXPECT_FALSE(waiter->Returned(kShort));
 
         lock.UnlockName("acct");
-        ASSERT_TRUE(waiter->Returned(kLong));
-        EXPECT_TRUE(waiter->Locked());
+        ASSERT_TRUE(GotTheLock(*waiter));
         EXPECT_EQ(UsersOf(lock, "acct"), 1);
         EXPECT_FALSE(FreeForOthers(lock, "acct"));
         ASSERT_TRUE(waiter->Release());
         // The last unlock takes the name out of the table.
-        EXPECT_TRUE(Snapshot(lock).names.empty());
+        EXPECT_TRUE(EmptyAndConsistent(lock, 2));
         EXPECT_TRUE(FreeForOthers(lock, "acct"));
-        EXPECT_TRUE(TableIsConsistent(lock, 2));
     }
 }
 
@@ -90,16 +131,13 @@ TEST(NameLockOperations, TryLockNameTimesOutAgainstAHolderAndLeavesItsLock) {
         ASSERT_TRUE(lock.LockName("w"));
         auto once = Async([&] { return lock.TryLockName("w", 0); });
         auto briefly = Async([&] { return lock.TryLockName("w", 30); });
-        ASSERT_TRUE(once->Done(kLong));
-        ASSERT_TRUE(briefly->Done(kLong));
-        EXPECT_FALSE(once->Get());
-        EXPECT_FALSE(briefly->Get());
+        ASSERT_TRUE(Returned(*once, false));
+        ASSERT_TRUE(Returned(*briefly, false));
         EXPECT_EQ(UsersOf(lock, "w"), 1);
         EXPECT_FALSE(FreeForOthers(lock, "w"));
 
         lock.UnlockName("w");
-        EXPECT_TRUE(Snapshot(lock).names.empty());
-        EXPECT_TRUE(TableIsConsistent(lock, 2));
+        EXPECT_TRUE(EmptyAndConsistent(lock, 2));
     }
 }
 
@@ -114,34 +152,15 @@ TEST(NameLockOperations, TryLockNameDoesNotTimeOutOnAnExhaustedPool) {
         std::unique_ptr<Holder> fresh = HoldWrite(lock, "b", 0);
         EXPECT_FALSE(fresh->Returned(kShort));
         lock.ReleaseName("a");
-        ASSERT_TRUE(fresh->Returned(kLong));
-        EXPECT_TRUE(fresh->Locked());
+        ASSERT_TRUE(GotTheLock(*fresh));
         ASSERT_TRUE(fresh->Release());
         EXPECT_TRUE(TableIsConsistent(lock, 1));
     }
 }
 
-TEST(NameLockOperations, ExclusiveModeHasNoReadLocks) {
-    for (bool bUseMutex : {true, false}) {
-        SCOPED_TRACE(bUseMutex);
-        CNameLock lock(2, bUseMutex, false);
-        EXPECT_FALSE(lock.ReadLockName("free"));
-        EXPECT_TRUE(Snapshot(lock).names.empty());
-
-        ASSERT_TRUE(lock.LockName("held"));
-        TableSnapshot before = Snapshot(lock);
-        EXPECT_FALSE(lock.ReadLockName("held"));
-        // A read unlock has nothing to give back here and must not take the holder's
-        // reference.
-        lock.ReadUnlockName("held");
-        EXPECT_EQ(Snapshot(lock), before);
-        EXPECT_FALSE(FreeForOthers(lock, "held"));
-        lock.UnlockName("held");
-        EXPECT_TRUE(FreeForOthers(lock, "held"));
-    }
-}
-
-TEST(NameLockOperations, UnknownAndNullNamesChangeNothing) {
+// Exclusive mode has no read locks: a read lock fails, free name or held, and a read unlock
+// has nothing to give back and must not take the holder's reference.
+TEST(NameLockOperations, UnknownAndNullNamesAndExclusiveReadLocksChangeNothing) {
     for (const Mode& mode : kAllModes) {
         SCOPED_TRACE(ModeText(mode));
         CNameLock lock(2, mode.bUseMutex, mode.bReadWrite);
@@ -154,6 +173,11 @@ TEST(NameLockOperations, UnknownAndNullNamesChangeNothing) {
         EXPECT_FALSE(lock.LockName(nullptr));
         EXPECT_FALSE(lock.TryLockName(nullptr, 0));
         EXPECT_FALSE(lock.ReadLockName(nullptr));
+        if (!mode.bReadWrite) {
+            EXPECT_FALSE(lock.ReadLockName("free"));
+            EXPECT_FALSE(lock.ReadLockName("k"));
+            lock.ReadUnlockName("k");
+        }
         EXPECT_EQ(Snapshot(lock), before);
         EXPECT_FALSE(FreeForOthers(lock, "k"));
         if (mode.bReadWrite) {
@@ -162,6 +186,7 @@ TEST(NameLockOperations, UnknownAndNullNamesChangeNothing) {
             EXPECT_EQ(state.nReaders, 0);
         }
         lock.UnlockName("k");
+        EXPECT_TRUE(FreeForOthers(lock, "k"));
     }
 }
 
@@ -188,9 +213,8 @@ TEST(NameLockOperations, AWriterDrainsReadersWhileNewReadersComeIn) {
         EXPECT_EQ(StateOf(p).bWriter, 0);
 
         // A new reader still comes in while the writer waits.
-        auto newcomer = Async([&] { return lock.ReadLockName("n"); });
-        ASSERT_TRUE(newcomer->Done(kLong)) << "a waiting writer kept a new reader out";
-        EXPECT_TRUE(newcomer->Get());
+        ASSERT_TRUE(ReturnsOnAnotherThread(true, [&] { return lock.ReadLockName("n"); }))
+            << "a waiting writer kept a new reader out";
         EXPECT_EQ(StateOf(p).nReaders, 3);
         EXPECT_EQ(UsersOf(lock, "n"), 4);
 
@@ -201,29 +225,18 @@ TEST(NameLockOperations, AWriterDrainsReadersWhileNewReadersComeIn) {
         EXPECT_FALSE(writer->Returned(kShort));
         EXPECT_FALSE(IsSignalled(p->hNoReadersEvent));
         lock.ReadUnlockName("n");
-        ASSERT_TRUE(writer->Returned(kLong));
-        EXPECT_TRUE(writer->Locked());
-        ReaderState state = StateOf(p);
-        EXPECT_EQ(state.nReaders, 0);
-        EXPECT_EQ(state.bWriter, 1);
-        EXPECT_FALSE(IsSignalled(p->hNoWriterEvent));
-        EXPECT_TRUE(IsSignalled(p->hNoReadersEvent));
+        ASSERT_TRUE(GotTheLock(*writer));
+        EXPECT_EQ(PictureOf(p), (Picture{0, 1, false, true}));
 
         // Now readers wait for the writer.
         auto reader = Async([&] { return lock.ReadLockName("n"); });
         EXPECT_FALSE(reader->Done(kShort));
         ASSERT_TRUE(writer->Release());
-        ASSERT_TRUE(reader->Done(kLong));
-        EXPECT_TRUE(reader->Get());
-        state = StateOf(p);
-        EXPECT_EQ(state.nReaders, 1);
-        EXPECT_EQ(state.bWriter, 0);
-        EXPECT_TRUE(IsSignalled(p->hNoWriterEvent));
-        EXPECT_FALSE(IsSignalled(p->hNoReadersEvent));
+        ASSERT_TRUE(Returned(*reader, true));
+        EXPECT_EQ(PictureOf(p), (Picture{1, 0, true, false}));
         lock.ReadUnlockName("n");
         EXPECT_TRUE(IsSignalled(p->hNoReadersEvent));
-        EXPECT_TRUE(Snapshot(lock).names.empty());
-        EXPECT_TRUE(TableIsConsistent(lock, 1));
+        EXPECT_TRUE(EmptyAndConsistent(lock, 1));
     }
 }
 
@@ -240,17 +253,13 @@ TEST(NameLockOperations, TryLockNameWaitsOutReadersButTimesOutAgainstADrainingWr
         EXPECT_FALSE(first->Returned(kShort));
 
         // A second writer does time out: the first holds hLock, though it has no claim yet.
-        auto second = Async([&] { return lock.TryLockName("r", 30); });
-        ASSERT_TRUE(second->Done(kLong));
-        EXPECT_FALSE(second->Get());
+        ASSERT_TRUE(ReturnsOnAnotherThread(false, [&] { return lock.TryLockName("r", 30); }));
         EXPECT_EQ(UsersOf(lock, "r"), 2);
 
         lock.ReadUnlockName("r");
-        ASSERT_TRUE(first->Returned(kLong));
-        EXPECT_TRUE(first->Locked());
+        ASSERT_TRUE(GotTheLock(*first));
         ASSERT_TRUE(first->Release());
-        EXPECT_TRUE(Snapshot(lock).names.empty());
-        EXPECT_TRUE(TableIsConsistent(lock, 2));
+        EXPECT_TRUE(EmptyAndConsistent(lock, 2));
     }
 }
 
@@ -288,8 +297,7 @@ TEST(NameLockOperations, AWriterUnlockReachesEveryWaitingReaderAndWriter) {
             });
             ASSERT_TRUE(bAllThrough) << "a waiter missed its wake-up";
             EXPECT_TRUE(writer->Locked());
-            ASSERT_TRUE(Snapshot(lock).names.empty());
-            EXPECT_TRUE(TableIsConsistent(lock, 1));
+            ASSERT_TRUE(EmptyAndConsistent(lock, 1));
         }
     }
 }
@@ -333,16 +341,14 @@ TEST(NameLockOperations, AReaderAndAWriterMeetingAtTheStateMutexLetOnlyOneIn) {
                 EXPECT_FALSE(reader->Done(kShort)) << "a reader came in past a writer's claim";
                 EXPECT_EQ(StateOf(p).nReaders, 0);
                 ASSERT_TRUE(writer->Release());
-                ASSERT_TRUE(reader->Done(kLong));
-                EXPECT_TRUE(reader->Get());
+                ASSERT_TRUE(Returned(*reader, true));
                 lock.ReadUnlockName("m");
             } else {
                 EXPECT_TRUE(reader->Get());
                 EXPECT_FALSE(writer->Returned(kShort)) << "a writer claimed a name with a reader";
                 EXPECT_EQ(StateOf(p).bWriter, 0);
                 lock.ReadUnlockName("m");
-                ASSERT_TRUE(writer->Returned(kLong));
-                EXPECT_TRUE(writer->Locked());
+                ASSERT_TRUE(GotTheLock(*writer));
                 ASSERT_TRUE(writer->Release());
             }
             ASSERT_TRUE(Snapshot(lock).names.empty());
@@ -375,10 +381,8 @@ TEST(NameLockOperations, ARecordTakenByAnotherNameWaitsForItsLastUnlockToFinish)
 
         ReleaseMutex(p->hStateMutex);
         ASSERT_TRUE(unlocker->Done(kLong));
-        ASSERT_TRUE(writer->Returned(kLong));
-        EXPECT_TRUE(writer->Locked());
-        EXPECT_EQ(StateOf(p).bWriter, 1);
-        EXPECT_EQ(StateOf(p).nReaders, 0);
+        ASSERT_TRUE(GotTheLock(*writer));
+        EXPECT_EQ(PictureOf(p), (Picture{0, 1, false, true}));
         ASSERT_TRUE(writer->Release());
         EXPECT_TRUE(TableIsConsistent(lock, 1));
     }
@@ -392,9 +396,7 @@ TEST(NameLockOperations, AMutexLockBelongsToItsThreadAndCanBeTakenAgain) {
     ASSERT_TRUE(lock.LockName("re"));
     EXPECT_EQ(UsersOf(lock, "re"), 2);
     lock.UnlockName("re");
-    auto reader = Async([&] { return lock.ReadLockName("re"); });
-    ASSERT_TRUE(reader->Done(kLong));
-    EXPECT_TRUE(reader->Get());
+    ASSERT_TRUE(ReturnsOnAnotherThread(true, [&] { return lock.ReadLockName("re"); }));
     EXPECT_FALSE(FreeForOthers(lock, "re"));
     lock.ReadUnlockName("re");
     lock.UnlockName("re");
@@ -404,24 +406,20 @@ TEST(NameLockOperations, AMutexLockBelongsToItsThreadAndCanBeTakenAgain) {
     // Unlocked by another thread: the reference goes, the mutex stays with its owner.
     ASSERT_TRUE(lock.LockName("own"));
     _tagNameLock* p = RecordOf(lock, "own");
-    auto stranger = Async([&] {
+    ASSERT_TRUE(ReturnsOnAnotherThread(true, [&] {
         lock.UnlockName("own");
         return true;
-    });
-    ASSERT_TRUE(stranger->Done(kLong));
+    }));
     EXPECT_TRUE(Snapshot(lock).names.empty());
     EXPECT_FALSE(HeldByAnother(p->hLock, true));  // this thread still owns it and re-enters
-    auto other = Async([&] { return WaitForSingleObject(p->hLock, 0) == WAIT_TIMEOUT; });
-    ASSERT_TRUE(other->Done(kLong));
-    EXPECT_TRUE(other->Get());
+    EXPECT_TRUE(ReturnsOnAnotherThread(
+        true, [&] { return WaitForSingleObject(p->hLock, 0) == WAIT_TIMEOUT; }));
     ReleaseMutex(p->hLock);
 }
 
 TEST(NameLockOperations, ASemaphoreLockPassesBetweenThreadsAndDoesNotReenter) {
     CNameLock lock(2, false, false);
-    auto locker = Async([&] { return lock.LockName("baton"); });
-    ASSERT_TRUE(locker->Done(kLong));
-    ASSERT_TRUE(locker->Get());
+    ASSERT_TRUE(ReturnsOnAnotherThread(true, [&] { return lock.LockName("baton"); }));
     EXPECT_FALSE(FreeForOthers(lock, "baton"));
     // Given back by a thread that didn't take it.
     lock.UnlockName("baton");
@@ -444,23 +442,17 @@ TEST(NameLockOperations, AHolderThatDiesFailsTheNextLockerAndTheNameWorksAgain) 
 
         // The first locker after it inherits the mutex and fails; the name works again for
         // the next locker, on another thread, which doesn't re-enter what the first got.
-        auto first = Async([&] { return lock.LockName("z"); });
-        ASSERT_TRUE(first->Done(kLong));
-        EXPECT_FALSE(first->Get());
+        ASSERT_TRUE(ReturnsOnAnotherThread(false, [&] { return lock.LockName("z"); }));
         if (bReadWrite) {
             // Readers aren't kept out by the dead writer's mark either.
-            auto reader = Async([&] { return lock.ReadLockName("z"); });
-            ASSERT_TRUE(reader->Done(kLong));
-            EXPECT_TRUE(reader->Get());
+            ASSERT_TRUE(ReturnsOnAnotherThread(true, [&] { return lock.ReadLockName("z"); }));
             lock.ReadUnlockName("z");
         }
-        auto next = Async([&] {
+        EXPECT_TRUE(ReturnsOnAnotherThread(true, [&] {
             if (!lock.LockName("z")) return false;
             lock.UnlockName("z");
             return true;
-        });
-        ASSERT_TRUE(next->Done(kLong));
-        EXPECT_TRUE(next->Get());
+        }));
         // The dead holder's own reference stays: the name keeps its record.
         EXPECT_EQ(UsersOf(lock, "z"), 1);
         EXPECT_TRUE(TableIsConsistent(lock, 2));
@@ -518,8 +510,7 @@ TEST(NameLockOperations, LocksKeepWritersApartUnderContention) {
             for (int i = 0; i < kRounds; ++i)
                 if (!(mode.bReadWrite && (i + t) % 2 == 0)) ++writes;
         EXPECT_EQ(guarded[0] + guarded[1] + guarded[2], writes);
-        EXPECT_TRUE(Snapshot(lock).names.empty());
-        EXPECT_TRUE(TableIsConsistent(lock, 2));
+        EXPECT_TRUE(EmptyAndConsistent(lock, 2));
     }
 }
 
@@ -541,8 +532,7 @@ TEST(NameLockOperations, SmartNameLockHoldsItsNameForItsScope) {
             }
         }
         if (reader) {
-            ASSERT_TRUE(reader->Done(kLong));
-            EXPECT_TRUE(reader->Get());
+            ASSERT_TRUE(Returned(*reader, true));
             lock.ReadUnlockName("order-17");
         }
         EXPECT_TRUE(Snapshot(lock).names.empty());
@@ -590,6 +580,5 @@ TEST(NameLockOperations, SmartNameLockCutsLongNamesAndTakesNullAsEmpty) {
         CSmartNameLock guard("nobody");
         EXPECT_STREQ(guard.szName, "nobody");
     }
-    EXPECT_TRUE(Snapshot(lock).names.empty());
-    EXPECT_TRUE(TableIsConsistent(lock, 2));
+    EXPECT_TRUE(EmptyAndConsistent(lock, 2));
 }
