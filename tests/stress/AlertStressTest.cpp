@@ -74,7 +74,7 @@ void RaiseRound(int t, std::map<std::string, int>& raised) {
 
 TEST_F(StressAlerts, TotalsOfBothFormsAddUpToEveryAlertRaised) {
     velmora_stress::Watchdog watchdog("StressAlerts");
-    const int nRounds = velmora_stress::Scaled(300);
+    const int nRounds = velmora_stress::Scaled(600);
     std::map<std::string, int> raised;
     std::vector<std::map<std::string, int>> raisedBy(kPhases + 1);  // by the end of each phase
     for (int phase = 0; phase <= kPhases; ++phase) {

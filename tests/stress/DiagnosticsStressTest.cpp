@@ -50,29 +50,16 @@ TEST(StressDiagnostics, UsageCountsAddUpWhileWalksRun) {
     } freeCounters;
     const int nRounds = Scaled(10000);
     const char* const kinds[] = {"Quote", "Fill", "Route"};
-    // One thread's calls; run once more alone, into `expected`, to tell what the map must hold.
-    auto count = [&](int t, std::map<std::string, int>* pExpected) {
-        for (int i = 0; i < nRounds; ++i) {
-            const int nKind = 10 + i % 5;
-            const int nFresh = 1000 * (t + 1) + i / 100;  // keys that appear while others count
-            if (!pExpected) {
-                velmora.AllocateObject("Order", 1);
-                velmora.ReleaseObject("Order", 1);
-                velmora.AllocateObject(kinds[i % 3], nKind);
-                velmora.ReleaseObject(nullptr, nFresh);
-                continue;
-            }
-            ++(*pExpected)["1-1-Order"];
-            ++(*pExpected)["1-0-Order"];
-            ++(*pExpected)[std::to_string(nKind) + "-1-" + kinds[i % 3]];
-            ++(*pExpected)[std::to_string(nFresh) + "-0"];
-        }
-    };
     std::atomic<int> nCountersLeft{kThreads};
     int nOutOfOrder = 0, nShrunk = 0;
     RunThreads(kThreads + 1, [&](int t) {
         if (t < kThreads) {
-            count(t, nullptr);
+            for (int i = 0; i < nRounds; ++i) {
+                velmora.AllocateObject("Order", 1);
+                velmora.ReleaseObject("Order", 1);
+                velmora.AllocateObject(kinds[i % 3], 10 + i % 5);
+                velmora.ReleaseObject(nullptr, 1000 * (t + 1) + i / 100);  // appears while others count
+            }
             --nCountersLeft;
             return;
         }
@@ -87,7 +74,12 @@ TEST(StressDiagnostics, UsageCountsAddUpWhileWalksRun) {
     });
 
     std::map<std::string, int> expected, counts;
-    for (int t = 0; t < kThreads; ++t) count(t, &expected);
+    for (int t = 0; t < kThreads; ++t)
+        for (int i = 0; i < nRounds; ++i) {
+            ++expected["1-1-Order"], ++expected["1-0-Order"];
+            ++expected[std::to_string(10 + i % 5) + "-1-" + kinds[i % 3]];
+            ++expected[std::to_string(1000 * (t + 1) + i / 100) + "-0"];
+        }
     EXPECT_TRUE(Walk(counts));
     EXPECT_EQ(counts, expected);
     EXPECT_EQ(nOutOfOrder, 0);
@@ -110,7 +102,7 @@ std::map<int, std::vector<std::string>> TagRecords(const std::string& log) {
 // find its entry held (and is refused), or take it over from a tag that it then silences.
 TEST(StressDiagnostics, EveryTagNumberIsGivenOnceAndEveryEventThatSucceedsLeavesOneRecord) {
     velmora_stress::Watchdog watchdog("StressDiagnostics");
-    const int nPairs = Scaled(500);
+    const int nPairs = Scaled(1500);
     velmora.EnableTaggingSystems(16);
     const int nCounterBefore = std::atomic_ref<int>(velmora.nTagCounter).load();
     struct Tally {

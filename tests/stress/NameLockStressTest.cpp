@@ -42,7 +42,7 @@ void Hammer(bool bUseMutex, bool bReadWrite) {
         --g.nReaders;
     };
 
-    const int nOperations = velmora_stress::Scaled(4000);
+    const int nOperations = velmora_stress::Scaled(8000);
     velmora_stress::RunThreads(8, [&](int t) {
         std::minstd_rand random(unsigned(t + 1));
         for (int i = 0; i < nOperations; ++i) {

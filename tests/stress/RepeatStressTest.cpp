@@ -10,9 +10,6 @@
 
 namespace {
 
-using velmora_stress::Scaled;
-using velmora_stress::WaitUntil;
-
 struct Call {
     bool bStop;
     std::string source;
@@ -51,70 +48,69 @@ private:
     std::vector<Call> m_calls;
 };
 
+// The repeatable words that a remote source may use: word, short word, id. The second and
+// fourth repeat as background runs.
 struct Command {
     const char* szWord;
     const char* szShort;
     int nId;
 };
-constexpr Command kCommands[] = {{"snapshot", "sp", 1}, {"counter", "ct", 3}, {"depth", "dp", 5},
-                                 {"clientstatus", "cs", 11}};
+constexpr Command kCommands[] = {{"snapshot", "sp", 1}, {"counter", "ct", 3}, {"depth", "dp", 5}, {"clientstatus", "cs", 11}};
+
+std::string Key(const std::string& source, int nId) { return source + "$$" + std::to_string(nId); }
+bool Running(const std::string& source, int nId) { return velmora.mapCommandRepeats.count(Key(source, nId)) == 1; }
 
 TEST(StressRepeats, EveryRepeatStopsOnceAndNoPassOutlivesItsStop) {
     velmora_stress::Watchdog watchdog("StressRepeats");
     Module module;
     velmora_stress::Subscription subscription(&module);
-    const int nRounds = Scaled(40);
+    const int nRounds = velmora_stress::Scaled(60);
     const DWORD dwShell = GetCurrentThreadId();
-    auto sourceOf = [](int round) { return round % 2 ? "HostA" : "localhost"; };
-    auto running = [](const char* szSource, int nId) {
-        return velmora.mapCommandRepeats.count(std::string(szSource) + "$$" + std::to_string(nId)) == 1;
-    };
-    std::map<std::string, int> started;  // by "<source>#<id>"
+    auto sourceOf = [](int round) { return std::string(round % 2 ? "HostA" : "localhost"); };
+    std::map<std::string, int> started;
 
+    // Each round starts the four repeats with the round's number as their argument, lets
+    // their passes run now and then, and stops them, all but the last round's.
     for (int round = 0; round < nRounds; ++round) {
         const char* szSource = round % 2 ? "HostA" : nullptr;
         const std::string tag = "-n=" + std::to_string(round);
         for (int k = 0; k < 4; ++k) {
             const Command& c = kCommands[k];
-            const std::string interval = "-i=" + std::to_string(1 + (round + k) % 3) + (k % 2 ? " -b" : "");
+            const std::string options = "-i=" + std::to_string(1 + (round + k) % 3) + (k % 2 ? " -b" : "");
             if (k == 0) {  // the word "repeat" after the command
                 velmora.ShellCommand(szSource, c.szWord, tag.c_str());
-                velmora.ShellCommand(szSource, "repeat", interval.c_str());
+                velmora.ShellCommand(szSource, "repeat", options.c_str());
             } else {  // a repeat tail
-                velmora.ShellCommand(szSource, c.szWord, (tag + " repeat " + interval).c_str());
+                velmora.ShellCommand(szSource, c.szWord, (tag + " repeat " + options).c_str());
             }
-            ASSERT_TRUE(running(sourceOf(round), c.nId)) << c.szWord << " of round " << round;
-            ++started[std::string(sourceOf(round)) + "#" + std::to_string(c.nId)];
+            ASSERT_TRUE(Running(sourceOf(round), c.nId)) << c.szWord << " of round " << round;
+            ++started[Key(sourceOf(round), c.nId)];
         }
-        // Now and then, passes are let in before the stops.
         if (round % 4 == 0) {
-            ASSERT_TRUE(WaitUntil([&] {
+            ASSERT_TRUE(velmora_stress::WaitUntil([&] {
                 for (const Call& call : module.Calls())
                     if (!call.bStop && call.dwThread != dwShell && call.arguments == tag) return true;
                 return false;
             }));
         }
-        // A stop from another source stops nothing.
-        velmora.ShellCommand("Other", "repeat", "-stop=snapshot");
-        ASSERT_TRUE(running(sourceOf(round), 1));
-        if (round == nRounds - 1) break;  // the last ones are left to the shutdown
+        velmora.ShellCommand("Other", "repeat", "-stop=snapshot");  // another source's: stops nothing
+        ASSERT_TRUE(Running(sourceOf(round), 1));
+        if (round == nRounds - 1) break;  // the shutdown stops these
         for (int k = 0; k < 4; ++k) {
-            const Command& c = kCommands[k];
-            velmora.ShellCommand(szSource, "repeat", (std::string("-stop=") + (k % 2 ? c.szShort : c.szWord)).c_str());
-            ASSERT_FALSE(running(sourceOf(round), c.nId));
+            const std::string stop = std::string("-stop=") + (k % 2 ? kCommands[k].szShort : kCommands[k].szWord);
+            velmora.ShellCommand(szSource, "repeat", stop.c_str());
+            ASSERT_FALSE(Running(sourceOf(round), kCommands[k].nId));
         }
     }
-    // Returns once every repeat thread has ended.
-    velmora.PrepareSystemsShutdown();
+    velmora.PrepareSystemsShutdown();  // returns once every repeat thread has ended
 
     std::map<std::string, int> stopped;
-    std::map<DWORD, std::string> stoppedThreads;  // the arguments each ended thread had
-    std::map<DWORD, std::string> lastArguments;
+    std::map<DWORD, std::string> lastArguments, stoppedWith;  // by thread
     int nFirstRuns = 0, nPasses = 0;
     for (const Call& call : module.Calls()) {
         if (call.bStop) {
-            ++stopped[call.source + "#" + std::to_string(call.nCommand)];
-            stoppedThreads[call.dwThread] = lastArguments[call.dwThread];
+            ++stopped[Key(call.source, call.nCommand)];
+            stoppedWith[call.dwThread] = lastArguments[call.dwThread];
             continue;
         }
         SCOPED_TRACE(call.source + " " + std::to_string(call.nCommand) + " " + call.arguments);
@@ -122,18 +118,12 @@ TEST(StressRepeats, EveryRepeatStopsOnceAndNoPassOutlivesItsStop) {
         int round = -1;
         ASSERT_EQ(std::sscanf(call.arguments.c_str(), "-n=%d", &round), 1);
         EXPECT_EQ(call.source, sourceOf(round));
-        if (call.dwThread == dwShell) {
-            ++nFirstRuns;
-            EXPECT_FALSE(call.bBackground);
-            continue;
-        }
-        ++nPasses;
-        const bool bBackground = call.nCommand == kCommands[1].nId || call.nCommand == kCommands[3].nId;
-        EXPECT_EQ(call.bBackground, bBackground);
-        // A thread id can come back for a new thread, but not with the same arguments.
-        auto ended = stoppedThreads.find(call.dwThread);
-        EXPECT_FALSE(ended != stoppedThreads.end() && ended->second == call.arguments)
-            << "a pass after its repeat's stop";
+        const bool bPass = call.dwThread != dwShell;
+        nFirstRuns += !bPass, nPasses += bPass;
+        EXPECT_EQ(call.bBackground, bPass && (call.nCommand == 3 || call.nCommand == 11));
+        // A thread id may come back for a new thread, but not with the same arguments.
+        auto ended = stoppedWith.find(call.dwThread);
+        EXPECT_FALSE(bPass && ended != stoppedWith.end() && ended->second == call.arguments) << "a pass after its stop";
         lastArguments[call.dwThread] = call.arguments;
     }
     EXPECT_EQ(nFirstRuns, 4 * nRounds);
