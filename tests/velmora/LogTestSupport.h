@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -114,6 +115,13 @@ inline int CountOf(const std::string& text, const std::string& piece) {
     for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1))
         ++count;
     return count;
+}
+
+// A log that has to open. A null log ends the test as failed (GoogleTest reports the
+// exception), so that the caller needs no check of its own.
+inline CQuorelLog* MustOpen(CQuorelLog* pLog) {
+    if (pLog == nullptr) throw std::runtime_error("the log didn't open");
+    return pLog;
 }
 
 // The protected GetDefaultLog of the service object.

@@ -85,19 +85,12 @@ std::string ExecutableFolder() {
 // ---- The log folder --------------------------------------------------------------------
 
 TEST_F(QuorelLogDirect, FolderIsTheSameWithOrWithoutClosingSlash) {
-    CQuorelLog* pFirst = Open("first", false);
-    ASSERT_NE(pFirst, nullptr);
-    EXPECT_STREQ(_G_LogFileFolder, Folder().c_str());
-
-    directory.localLogsFolder = tmp.path() + "/";
-    CQuorelLog* pSecond = Open("second", false);
-    ASSERT_NE(pSecond, nullptr);
-    EXPECT_STREQ(_G_LogFileFolder, Folder().c_str());
-
-    EXPECT_TRUE(FileExists(FileOf("first")));
-    EXPECT_TRUE(FileExists(FileOf("second")));
-    pFirst->Close();
-    pSecond->Close();
+    for (auto [szName, szEnd] : {std::pair{"first", ""}, std::pair{"second", "/"}}) {
+        directory.localLogsFolder = tmp.path() + szEnd;
+        MustOpen(Open(szName, false))->Close();
+        EXPECT_STREQ(_G_LogFileFolder, Folder().c_str()) << szName;
+        EXPECT_TRUE(FileExists(FileOf(szName)));
+    }
 }
 
 TEST_F(QuorelLogDirect, FolderLevelComesFromPrefixAndSuffixAndNeedsTheLogFolder) {
@@ -111,8 +104,7 @@ TEST_F(QuorelLogDirect, FolderLevelComesFromPrefixAndSuffixAndNeedsTheLogFolder)
     EXPECT_FALSE(fs::exists(tmp.path() + "/log"));
 
     fs::create_directories(tmp.path() + "/log");
-    CQuorelLog* pLog = Open("x", false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(Open("x", false));
     EXPECT_TRUE(FileExists(tmp.path() + "/log/pre.suf/App_x.log"));
     pLog->Close();
 }
@@ -140,8 +132,7 @@ TEST_F(QuorelLogDirect, PathOfMaxPathLessOneOpensAndALongerOneIsRefused) {
     fs::create_directories(base + "/log");
     directory.localLogsFolder = base;
 
-    CQuorelLog* pFits = Open("n", false);
-    ASSERT_NE(pFits, nullptr);
+    CQuorelLog* pFits = MustOpen(Open("n", false));
     std::string path = base + "/log/PFX.SFX/App_n.log";
     ASSERT_EQ(path.size(), size_t(MAX_PATH) - 1);
     EXPECT_TRUE(FileExists(path));
@@ -168,8 +159,7 @@ TEST_F(QuorelLogDirect, FolderTooLongIsCutAndItsLogRefused) {
 // ---- Direct records ----------------------------------------------------------------------
 
 TEST_F(QuorelLogDirect, TextAndRawRecordForms) {
-    CQuorelLog* pText = Open("text", true);
-    ASSERT_NE(pText, nullptr);
+    CQuorelLog* pText = MustOpen(Open("text", true));
     EXPECT_TRUE(pText->bTextMode);
     EXPECT_TRUE(pText->bDirectFile);
     EXPECT_EQ(pText->pClient, nullptr);
@@ -182,8 +172,7 @@ TEST_F(QuorelLogDirect, TextAndRawRecordForms) {
                                                  TextRecord(nullptr, "no prefix") +
                                                  TextRecord(nullptr, "own line end\n")));
 
-    CQuorelLog* pRaw = Open("raw", false);
-    ASSERT_NE(pRaw, nullptr);
+    CQuorelLog* pRaw = MustOpen(Open("raw", false));
     pRaw->Log("P", "with prefix");
     pRaw->Log(nullptr, "bytes as given");
     pRaw->Log(nullptr, nullptr);
@@ -194,8 +183,7 @@ TEST_F(QuorelLogDirect, TextAndRawRecordForms) {
 }
 
 TEST_F(QuorelLogDirect, FormattedRecordIsCutAt1023Bytes) {
-    CQuorelLog* pText = Open("text", true);
-    ASSERT_NE(pText, nullptr);
+    CQuorelLog* pText = MustOpen(Open("text", true));
     // The head "HH:MM:SS[mmm];P;<thread>;" and the tail ";\r\n" around the message.
     size_t room = 1023 - (14 + 2 + ThreadText().size() + 1) - 3;
     std::string exact = Letters(room);
@@ -210,8 +198,7 @@ TEST_F(QuorelLogDirect, FormattedRecordIsCutAt1023Bytes) {
     EXPECT_EQ(cut.substr(1021), ";\r");  // the line feed is the byte that didn't fit
     EXPECT_TRUE(MatchesPattern(Body("text"), whole + cut + TextRecord("P", longer).substr(0, 1023)));
 
-    CQuorelLog* pRaw = Open("raw", false);
-    ASSERT_NE(pRaw, nullptr);
+    CQuorelLog* pRaw = MustOpen(Open("raw", false));
     std::string rawPrefixed = Letters(1021);  // "P;" + 1021 fits; the "\r\n" doesn't
     std::string rawBare = Letters(3000, 3);
     pRaw->Log("P", rawPrefixed.c_str());
@@ -225,20 +212,17 @@ TEST_F(QuorelLogDirect, FormattedRecordIsCutAt1023Bytes) {
 TEST_F(QuorelLogDirect, NewLogAppendsBehindExistingContent) {
     fs::create_directories(Folder());
     std::ofstream(FileOf("old"), std::ios::binary) << "written before\r\n";
-    CQuorelLog* pRaw = Open("old", false);
-    ASSERT_NE(pRaw, nullptr);
+    CQuorelLog* pRaw = MustOpen(Open("old", false));
     pRaw->Log(nullptr, "first");
     pRaw->Close();
-    CQuorelLog* pAgain = Open("old", false);
-    ASSERT_NE(pAgain, nullptr);
+    CQuorelLog* pAgain = MustOpen(Open("old", false));
     pAgain->Log("P", "second");
     pAgain->Close();
     EXPECT_EQ(ReadFile(FileOf("old")), "written before\r\nfirstP;second\r\n");
 }
 
 TEST_F(QuorelLogDirect, ThreadsWriteWholeRecordsWithTheirIds) {
-    CQuorelLog* pLog = Open("threads", true);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(Open("threads", true));
     constexpr int kThreads = 4;
     constexpr int kRecords = 250;
     std::vector<std::string> ids(kThreads);
@@ -272,8 +256,7 @@ TEST_F(QuorelLogDirect, ThreadsWriteWholeRecordsWithTheirIds) {
 // ---- Long messages -------------------------------------------------------------------------
 
 TEST_F(QuorelLogDirect, OneArgumentLogAndPrintSendLongTextsThroughPieces) {
-    CQuorelLog* pLog = Open("one", true);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(Open("one", true));
     std::string below = Letters(449);
     std::string limit = Letters(450, 1);
     std::string three = Letters(925, 2);
@@ -292,8 +275,7 @@ TEST_F(QuorelLogDirect, OneArgumentLogAndPrintSendLongTextsThroughPieces) {
     pLog->Close();
 
     // Print: formatted into 4096 bytes, so 4095 characters reach the pieces at most.
-    CQuorelLog* pPrint = Open("print", true);
-    ASSERT_NE(pPrint, nullptr);
+    CQuorelLog* pPrint = MustOpen(Open("print", true));
     std::string huge = Letters(5000);
     pPrint->Print("%s-%d", "abc", 5);
     pPrint->Print("%s", limit.c_str());
@@ -305,59 +287,47 @@ TEST_F(QuorelLogDirect, OneArgumentLogAndPrintSendLongTextsThroughPieces) {
     pPrint->Close();
 }
 
-TEST_F(QuorelLogDirect, LogLongMsgCutsPiecesOf462AtEachLimit) {
-    CQuorelLog* pLog = Open("long", true);
-    ASSERT_NE(pLog, nullptr);
+// Pieces of 462 characters less the prefix, at each limit; the caller's buffer is whole
+// again afterwards.
+TEST_F(QuorelLogDirect, LogLongMsgCutsPiecesOf462LessThePrefix) {
+    CQuorelLog* pLog = MustOpen(Open("long", true));
+    const std::string prefix461(461, 'p');  // leaves pieces of one character
+    struct Case {
+        const char* szPrefix;
+        size_t nPiece;
+        std::vector<size_t> lengths;
+    };
     std::string expected;
-    for (size_t length : {462u, 463u, 924u, 925u}) {
-        std::string message = Letters(length, length);
-        std::string buffer = message;
-        pLog->LogLongMsg(nullptr, buffer.data());
-        EXPECT_EQ(buffer, message) << "the caller's buffer is whole again after " << length;
-        for (size_t at = 0; at < length; at += 462)
-            expected += TextRecord(nullptr, message.substr(at, 462));
+    for (const Case& c : {Case{nullptr, 462, {462, 463, 924, 925}}, Case{"ABC", 459, {459, 460, 918}},
+                          Case{prefix461.c_str(), 1, {3}}}) {
+        for (size_t length : c.lengths) {
+            SCOPED_TRACE(::testing::Message() << (c.szPrefix ? c.szPrefix : "(none)") << ", " << length);
+            std::string message = Letters(length, length);
+            std::string buffer = message;
+            pLog->LogLongMsg(c.szPrefix, buffer.data());
+            EXPECT_EQ(buffer, message);
+            for (size_t at = 0; at < length; at += c.nPiece)
+                expected += TextRecord(c.szPrefix, message.substr(at, c.nPiece));
+        }
     }
     // An empty message is one empty record.
     char empty[1] = "";
     pLog->LogLongMsg(nullptr, empty);
     expected += TextRecord(nullptr, "");
-    EXPECT_TRUE(MatchesPattern(Body("long"), expected));
-    pLog->Close();
-}
-
-TEST_F(QuorelLogDirect, LogLongMsgPrefixShortensThePieces) {
-    CQuorelLog* pLog = Open("prefix", true);
-    ASSERT_NE(pLog, nullptr);
-    std::string expected;
-    // "ABC": pieces of 459.
-    for (size_t length : {459u, 460u, 918u}) {
-        std::string message = Letters(length, length);
-        std::string buffer = message;
-        pLog->LogLongMsg("ABC", buffer.data());
-        EXPECT_EQ(buffer, message);
-        for (size_t at = 0; at < length; at += 459)
-            expected += TextRecord("ABC", message.substr(at, 459));
-    }
-    // A prefix of 461 characters leaves pieces of one character.
-    std::string prefix461(461, 'p');
-    char xyz[] = "xyz";
-    pLog->LogLongMsg(prefix461.c_str(), xyz);
-    EXPECT_STREQ(xyz, "xyz");
-    for (const char* piece : {"x", "y", "z"}) expected += TextRecord(prefix461.c_str(), piece);
-    // From 462 on there are no pieces: the message goes out in one record, cut at 1023.
+    // From a prefix of 462 on there are no pieces: the message goes out in one record, cut at
+    // 1023.
     std::string prefix462(462, 'q');
     std::string message = Letters(1000);
     std::string buffer = message;
     pLog->LogLongMsg(prefix462.c_str(), buffer.data());
     EXPECT_EQ(buffer, message);
     expected += TextRecord(prefix462.c_str(), message).substr(0, 1023);
-    EXPECT_TRUE(MatchesPattern(Body("prefix"), expected));
+    EXPECT_TRUE(MatchesPattern(Body("long"), expected));
     pLog->Close();
 }
 
 TEST_F(QuorelLogDirect, RawLogLongMsgIsSplitOnlyWithAPrefix) {
-    CQuorelLog* pLog = Open("raw", false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(Open("raw", false));
     std::string message = Letters(925);
     std::string buffer = message;
     pLog->LogLongMsg("P", buffer.data());  // pieces of 461
@@ -375,23 +345,20 @@ TEST_F(QuorelLogDirect, RawLogLongMsgIsSplitOnlyWithAPrefix) {
 // ---- State, path, session and closing in direct-file mode ------------------------------------
 
 TEST_F(QuorelLogDirect, ClosingWritesTheShutdownBannerInTextModeOnly) {
-    CQuorelLog* pText = Open("text", true);
-    ASSERT_NE(pText, nullptr);
+    CQuorelLog* pText = MustOpen(Open("text", true));
     EXPECT_EQ(pText->GetLongRawMsgThreshHold(), 482);
     pText->Log("P", "last");
     pText->Close();
     EXPECT_TRUE(MatchesPattern(Body("text"), TextRecord("P", "last") +
                                                  TextRecord("SHUTDOWN", ShutdownBanner())));
 
-    CQuorelLog* pRaw = Open("raw", false);
-    ASSERT_NE(pRaw, nullptr);
+    CQuorelLog* pRaw = MustOpen(Open("raw", false));
     pRaw->Log(nullptr, "raw");
     pRaw->Close();
     EXPECT_EQ(ReadFile(FileOf("raw")), "raw");
 
     // A shared log closed as Shutdown closes it drops what comes after.
-    CQuorelLog* pShared = velmora.GetLogClient("shared", true, true, true);
-    ASSERT_NE(pShared, nullptr);
+    CQuorelLog* pShared = MustOpen(velmora.GetLogClient("shared", true, true, true));
     CallPersistenceClose(pShared);
     EXPECT_EQ(pShared->hFile, INVALID_HANDLE_VALUE);
     EXPECT_EQ(pShared->GetLongRawMsgThreshHold(), 482);
@@ -402,8 +369,7 @@ TEST_F(QuorelLogDirect, ClosingWritesTheShutdownBannerInTextModeOnly) {
 }
 
 TEST_F(QuorelLogDirect, FullLogPathAndSessionChange) {
-    CQuorelLog* pLog = Open("path", false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(Open("path", false));
     std::string path = FileOf("path");
 
     char szBuffer[MAX_PATH];
@@ -431,8 +397,7 @@ TEST_F(QuorelLogDirect, FullLogPathAndSessionChange) {
 // ---- Log-client mode -------------------------------------------------------------------------
 
 TEST_F(QuorelLogClient, PrefixedMessagesAreCutTo512) {
-    CQuorelLog* pLog = velmora.GetLogClient("cut", true, false, false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("cut", true, false, false));
     ASSERT_NE(pLog->pClient, nullptr);
     EXPECT_EQ(pLog->hFile, INVALID_HANDLE_VALUE);
     EXPECT_EQ(pLog->GetLongRawMsgThreshHold(), 738);
@@ -473,8 +438,7 @@ TEST_F(QuorelLogClient, PrefixedMessagesAreCutTo512) {
 }
 
 TEST_F(QuorelLogClient, RawClientRecords) {
-    CQuorelLog* pLog = velmora.GetLogClient("raw", false, false, false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("raw", false, false, false));
     std::string over = Letters(600);
     pLog->Log("P", over.c_str());
     pLog->Log(nullptr, "bare");
@@ -483,8 +447,7 @@ TEST_F(QuorelLogClient, RawClientRecords) {
 }
 
 TEST_F(QuorelLogClient, ClosedClientLogDropsRecordsAndKeepsTheCallersBuffer) {
-    CQuorelLog* pLog = velmora.GetLogClient("shared", false, false, true);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("shared", false, false, true));
     pLog->Log(nullptr, "kept");
     CallPersistenceClose(pLog);
     EXPECT_EQ(pLog->pClient, nullptr);
@@ -501,8 +464,7 @@ TEST_F(QuorelLogClient, ClosedClientLogDropsRecordsAndKeepsTheCallersBuffer) {
 }
 
 TEST_F(QuorelLogClient, SessionMarkerFollowsEarlierRecords) {
-    CQuorelLog* pLog = velmora.GetLogClient("sess", true, false, false);
-    ASSERT_NE(pLog, nullptr);
+    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("sess", true, false, false));
     pLog->Log("P", "one");
     pLog->Log(nullptr, "two");
     auto start = std::chrono::steady_clock::now();
