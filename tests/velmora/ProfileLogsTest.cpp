@@ -13,6 +13,8 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 namespace fs = std::filesystem;
 using namespace velmora_log_test;
@@ -113,16 +115,26 @@ void ExpectMarksAfterPause(CQuorelLog* pCarrier, int nSlot, DWORD dwGap, DWORD d
     // The clock crossed a unit in every try: the ranges checked above are all there is.
 }
 
-// Direct-file carriers in "<temp>/log/PFX.SFX/", where the profile logs go as well.
-class ProfileDirect : public ::testing::Test {
+// The threads of both slots of a carrier and its count of profiles.
+std::tuple<DWORD, DWORD, int> Slots(const CQuorelLog* pLog) {
+    return {pLog->dwProfileThread[0], pLog->dwProfileThread[1], pLog->nProfileCount};
+}
+
+// A direct-file carrier (ProfileDirect) or a log-client carrier (ProfileClient), whose
+// records the client writes into PELTRIX_LOG_FOLDER. The profile logs are direct files in
+// "<temp>/log/PFX.SFX/", as direct carriers are.
+template <bool kDirect>
+class ProfileFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         fs::create_directories(tmp.path() + "/log");
+        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
         directory.localLogsFolder = tmp.path();
         _G_Directory = &directory;
         SetAppName("App");
-        pCarrier = velmora.GetLogClient("carrier", true, true, false);
+        pCarrier = velmora.GetLogClient("carrier", true, kDirect, false);
         ASSERT_NE(pCarrier, nullptr);
+        ASSERT_EQ(pCarrier->pClient == nullptr, kDirect);
     }
     void TearDown() override {
         if (pCarrier != nullptr) pCarrier->Close();
@@ -132,6 +144,7 @@ protected:
     std::string FileOf(const std::string& name) const {
         return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
     }
+    std::string ClientCarrierFile() const { return clientFolder.path() + "/App_carrier.log"; }
     // The carrier's file after its opening banner.
     std::string CarrierBody() const {
         std::string content = ReadFile(FileOf("carrier"));
@@ -146,41 +159,13 @@ protected:
     }
 
     TempDir tmp;
-    TestDirectory directory;
-    CQuorelLog* pCarrier = nullptr;
-    const DWORD me = GetCurrentThreadId();
-};
-
-// A log-client carrier, whose records the client writes into PELTRIX_LOG_FOLDER; its
-// profile logs are direct files in "<temp>/log/PFX.SFX/".
-class ProfileClient : public ::testing::Test {
-protected:
-    void SetUp() override {
-        fs::create_directories(tmp.path() + "/log");
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
-        directory.localLogsFolder = tmp.path();
-        _G_Directory = &directory;
-        SetAppName("App");
-        pCarrier = velmora.GetLogClient("carrier", true, false, false);
-        ASSERT_NE(pCarrier, nullptr);
-        ASSERT_NE(pCarrier->pClient, nullptr);
-    }
-    void TearDown() override {
-        if (pCarrier != nullptr) pCarrier->Close();
-        _G_Directory = nullptr;
-    }
-
-    std::string ProfileFile(const std::string& name) const {
-        return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
-    }
-    std::string CarrierFile() const { return clientFolder.path() + "/App_carrier.log"; }
-
-    TempDir tmp;
     TempDir clientFolder;
     TestDirectory directory;
     CQuorelLog* pCarrier = nullptr;
     const DWORD me = GetCurrentThreadId();
 };
+using ProfileDirect = ProfileFixture<true>;
+using ProfileClient = ProfileFixture<false>;
 
 }  // namespace
 
@@ -188,8 +173,7 @@ protected:
 
 TEST_F(ProfileDirect, MarksComeFirstThenTheProfileRecordThenTheCarriers) {
     ASSERT_TRUE(Attach(pCarrier, "prof", me, 0));
-    CQuorelLog* pProfile = pCarrier->pProfileLog[0];
-    ASSERT_NE(pProfile, nullptr);
+    CQuorelLog* pProfile = MustOpen(pCarrier->pProfileLog[0]);
     // AttachProfile writes no banner.
     EXPECT_TRUE(FileExists(FileOf("prof")));
     EXPECT_EQ(ReadFile(FileOf("prof")), "");
@@ -217,15 +201,10 @@ TEST_F(ProfileDirect, PausesCountInTheFixedUnitOf25FromTwoUnitsOn) {
     // A direct carrier stores the unit it is given but doesn't use it.
     ASSERT_TRUE(Attach(pCarrier, "prof", me, 249));
     EXPECT_EQ(pCarrier->nBottleNeckUnit, 249);
-    std::string file = FileOf("prof");
-    ExpectMarksAfterPause(pCarrier, 0, 0, 25, file, 0);
-    ExpectMarksAfterPause(pCarrier, 0, 49, 25, file, 0);
-    ExpectMarksAfterPause(pCarrier, 0, 50, 25, file, 2);
-    ExpectMarksAfterPause(pCarrier, 0, 99, 25, file, 3);
-    ExpectMarksAfterPause(pCarrier, 0, 100, 25, file, 4);
-    ExpectMarksAfterPause(pCarrier, 0, 110, 25, file, 4);
-    // Ten seconds are 400 lines.
-    ExpectMarksAfterPause(pCarrier, 0, 10000, 25, file, 400);
+    // Pause in milliseconds, marks; ten seconds are 400 lines.
+    for (auto [dwGap, nMarks] : {std::pair<DWORD, int>{0, 0}, {49, 0}, {50, 2}, {99, 3}, {100, 4},
+                                 {10000, 400}})
+        ExpectMarksAfterPause(pCarrier, 0, dwGap, 25, FileOf("prof"), nMarks);
 
     // The pause is measured from the end of the thread's last record.
     DWORD before = GetTickInMilliSeconds();
@@ -239,17 +218,15 @@ TEST_F(ProfileDirect, PausesCountInTheFixedUnitOf25FromTwoUnitsOn) {
 
 TEST_F(ProfileClient, ALogClientCarrierCountsInItsOwnUnit) {
     ASSERT_TRUE(Attach(pCarrier, "prof", me, 249));
-    std::string file = ProfileFile("prof");
-    // Half a unit away from each border, so that the clock has room.
-    ExpectMarksAfterPause(pCarrier, 0, 110, 249, file, 0);  // 4 marks at a unit of 25
-    ExpectMarksAfterPause(pCarrier, 0, 373, 249, file, 0);
-    ExpectMarksAfterPause(pCarrier, 0, 622, 249, file, 2);
-    ExpectMarksAfterPause(pCarrier, 0, 871, 249, file, 3);
-    ExpectMarksAfterPause(pCarrier, 0, 1120, 249, file, 4);
+    std::string file = FileOf("prof");
+    // Half a unit away from each border, so that the clock has room; 110 ms would be 4 marks
+    // at a unit of 25.
+    for (auto [dwGap, nMarks] : {std::pair<DWORD, int>{110, 0}, {373, 0}, {622, 2}, {871, 3}, {1120, 4}})
+        ExpectMarksAfterPause(pCarrier, 0, dwGap, 249, file, nMarks);
 
     // The client gets the records and no marks.
     pCarrier->FlushLog();
-    std::string carrier = ReadFile(CarrierFile());
+    std::string carrier = ReadFile(ClientCarrierFile());
     EXPECT_EQ(CountMarks(carrier), 0);
     std::string record = ";P;" + ThreadText() + ";after 1120 try ";
     EXPECT_GE(CountOf(carrier, record), 1);
@@ -259,8 +236,8 @@ TEST_F(ProfileClient, ALogClientCarrierCountsInItsOwnUnit) {
 TEST_F(ProfileClient, WithoutAUnitOfItsOwnALogClientCarrierCountsIn25) {
     ASSERT_TRUE(Attach(pCarrier, "prof", me, 0));
     EXPECT_EQ(pCarrier->nBottleNeckUnit, 25);
-    ExpectMarksAfterPause(pCarrier, 0, 60, 25, ProfileFile("prof"), 2);
-    ExpectMarksAfterPause(pCarrier, 0, 110, 25, ProfileFile("prof"), 4);
+    ExpectMarksAfterPause(pCarrier, 0, 60, 25, FileOf("prof"), 2);
+    ExpectMarksAfterPause(pCarrier, 0, 110, 25, FileOf("prof"), 4);
 }
 
 // ---- Slots -------------------------------------------------------------------------------
@@ -289,22 +266,20 @@ TEST_F(ProfileDirect, AThirdAttachIsRefusedAndTheTwoProfilesGoOn) {
     OtherThread second, third;
     EXPECT_FALSE(Attach(pCarrier, nullptr, me, 0));
     EXPECT_FALSE(Attach(pCarrier, "zero", 0, 0));
-    EXPECT_EQ(pCarrier->nProfileCount, 0);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(0u, 0u, 0));
     EXPECT_EQ(pCarrier->pProfileLog[0], nullptr);
     EXPECT_FALSE(FileExists(FileOf("zero")));
 
     ASSERT_TRUE(Attach(pCarrier, "one", me, 0));
     ASSERT_TRUE(Attach(pCarrier, "two", second.id(), 0));
-    EXPECT_EQ(pCarrier->dwProfileThread[0], me);
-    EXPECT_EQ(pCarrier->dwProfileThread[1], second.id());
-    EXPECT_EQ(pCarrier->nProfileCount, 2);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(me, second.id(), 2));
     CQuorelLog* pOne = pCarrier->pProfileLog[0];
     CQuorelLog* pTwo = pCarrier->pProfileLog[1];
 
     EXPECT_FALSE(Attach(pCarrier, "three", third.id(), 100));
     EXPECT_FALSE(FileExists(FileOf("three")));
     EXPECT_EQ(pCarrier->nBottleNeckUnit, 25);
-    EXPECT_EQ(pCarrier->nProfileCount, 2);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(me, second.id(), 2));
     EXPECT_EQ(pCarrier->pProfileLog[0], pOne);
     EXPECT_EQ(pCarrier->pProfileLog[1], pTwo);
 
@@ -324,8 +299,7 @@ TEST_F(ProfileDirect, AThirdAttachIsRefusedAndTheTwoProfilesGoOn) {
 TEST_F(ProfileDirect, TheSameThreadTwiceFillsTwoSlotsAndWritesToTheFirst) {
     ASSERT_TRUE(Attach(pCarrier, "first", me, 0));
     ASSERT_TRUE(Attach(pCarrier, "second", me, 0));
-    EXPECT_EQ(pCarrier->dwProfileThread[0], me);
-    EXPECT_EQ(pCarrier->dwProfileThread[1], me);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(me, me, 2));
     pCarrier->dwProfileLastTick[1] = 4242;  // slot 1 isn't looked at while slot 0 is bound
     LogNow(0, "one");
     EXPECT_TRUE(MatchesPattern(WithoutMarks(ReadFile(FileOf("first"))), TextRecord("P", "one")));
@@ -335,15 +309,13 @@ TEST_F(ProfileDirect, TheSameThreadTwiceFillsTwoSlotsAndWritesToTheFirst) {
     // Detaching takes the first slot first; then the second gets the records.
     Detach(pCarrier, me);
     EXPECT_EQ(pCarrier->pProfileLog[0], nullptr);
-    EXPECT_EQ(pCarrier->dwProfileThread[0], 0u);
-    EXPECT_EQ(pCarrier->dwProfileThread[1], me);
-    EXPECT_EQ(pCarrier->nProfileCount, 1);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(0u, me, 1));
     LogNow(1, "two");
     EXPECT_TRUE(MatchesPattern(WithoutMarks(ReadFile(FileOf("first"))),
                                TextRecord("P", "one") + TextRecord("SHUTDOWN", ShutdownBanner())));
     EXPECT_TRUE(MatchesPattern(WithoutMarks(ReadFile(FileOf("second"))), TextRecord("P", "two")));
     Detach(pCarrier, me);
-    EXPECT_EQ(pCarrier->nProfileCount, 0);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(0u, 0u, 0));
     EXPECT_EQ(pCarrier->pProfileLog[1], nullptr);
 }
 
@@ -409,8 +381,7 @@ TEST_F(ProfileDirect, EventsOfAThreadWithoutASlotWriteNothing) {
     }
     EXPECT_EQ(pCarrier->dwProfileLastTick[0], 1111u);
     EXPECT_EQ(pCarrier->dwProfileLastTick[1], 2222u);
-    EXPECT_EQ(pCarrier->nProfileCount, 1);
-    EXPECT_EQ(pCarrier->dwProfileThread[0], me);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(me, 0u, 1));
     EXPECT_EQ(ReadFile(FileOf("prof")), "");
 }
 
@@ -421,8 +392,7 @@ TEST_F(ProfileDirect, DetachEndsTheProfileWithItsBannerAndTheSlotIsUsedAgain) {
     LogNow(0, "kept");
     Detach(pCarrier, me);
     EXPECT_EQ(pCarrier->pProfileLog[0], nullptr);
-    EXPECT_EQ(pCarrier->dwProfileThread[0], 0u);
-    EXPECT_EQ(pCarrier->nProfileCount, 0);
+    EXPECT_EQ(Slots(pCarrier), std::tuple(0u, 0u, 0));
     std::string ended = TextRecord("P", "kept") + TextRecord("SHUTDOWN", ShutdownBanner());
     EXPECT_TRUE(MatchesPattern(WithoutMarks(ReadFile(FileOf("old"))), ended));
 
@@ -448,8 +418,7 @@ TEST_F(ProfileDirect, DetachEndsTheProfileWithItsBannerAndTheSlotIsUsedAgain) {
 }
 
 TEST_F(ProfileDirect, PersistenceCloseEndsAttachedProfilesBeforeTheCarriersBanner) {
-    CQuorelLog* pShared = velmora.GetLogClient("shared", true, true, true);
-    ASSERT_NE(pShared, nullptr);
+    CQuorelLog* pShared = MustOpen(velmora.GetLogClient("shared", true, true, true));
     ASSERT_TRUE(Attach(pShared, "first", me, 0));
     ASSERT_TRUE(Attach(pShared, "second", me, 0));
     pShared->dwProfileLastTick[0] = GetTickInMilliSeconds();
@@ -458,9 +427,7 @@ TEST_F(ProfileDirect, PersistenceCloseEndsAttachedProfilesBeforeTheCarriersBanne
     CallPersistenceClose(pShared);
     EXPECT_EQ(pShared->pProfileLog[0], nullptr);
     EXPECT_EQ(pShared->pProfileLog[1], nullptr);
-    EXPECT_EQ(pShared->dwProfileThread[0], 0u);
-    EXPECT_EQ(pShared->dwProfileThread[1], 0u);
-    EXPECT_EQ(pShared->nProfileCount, 0);
+    EXPECT_EQ(Slots(pShared), std::tuple(0u, 0u, 0));
     // Each profile has its own banner, and the carrier's banner isn't repeated in them.
     std::string banner = TextRecord("SHUTDOWN", ShutdownBanner());
     EXPECT_TRUE(MatchesPattern(WithoutMarks(ReadFile(FileOf("first"))),
