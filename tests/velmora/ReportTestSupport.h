@@ -14,8 +14,10 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <ostream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace velmora_report_test {
@@ -29,7 +31,11 @@ namespace velmora_report_test {
 struct BlockTraffic {
     long nAllocs = 0;  // successful GlobalAlloc calls
     long nFrees = 0;   // GlobalFree calls with a block
+    bool operator==(const BlockTraffic&) const = default;
 };
+inline void PrintTo(const BlockTraffic& traffic, std::ostream* os) {
+    *os << "{" << traffic.nAllocs << " allocated, " << traffic.nFrees << " freed}";
+}
 BlockTraffic CurrentBlockTraffic();
 // The size and flags of the last GlobalAlloc call.
 size_t LastAllocationSize();
@@ -41,6 +47,13 @@ void FailBlockAllocations(bool bFail);
 inline BlockTraffic Since(const BlockTraffic& before) {
     BlockTraffic now = CurrentBlockTraffic();
     return {now.nAllocs - before.nAllocs, now.nFrees - before.nFrees};
+}
+// The traffic of what fn does.
+template <typename Fn>
+BlockTraffic TrafficOf(Fn fn) {
+    BlockTraffic before = CurrentBlockTraffic();
+    fn();
+    return Since(before);
 }
 
 // The result of EnableLoggerSysTime, also interposed: 0 passes the call to the closed
@@ -96,7 +109,17 @@ struct ConsoleCall {
     DWORD dwColour;
     std::string text;     // the whole block as a string, stamp included
     uintptr_t nAddress;   // where the block was, compared only
+    bool operator==(const ConsoleCall&) const = default;
 };
+inline void PrintTo(const ConsoleCall& call, std::ostream* os) {
+    *os << "{type " << int(call.nType) << (call.bInColor ? ", in colour " : ", plain ")
+        << std::hex << call.dwColour << std::dec << ", " << ::testing::PrintToString(call.text)
+        << ", at " << std::hex << call.nAddress << std::dec << "}";
+}
+// What a call shows besides its text and address: type, whether in colour, colour.
+inline std::tuple<Report_Types::DEF, bool, DWORD> KindOf(const ConsoleCall& call) {
+    return {call.nType, call.bInColor, call.dwColour};
+}
 
 // Keeps a copy of every block it is given and frees the block, as a console owns it. It can
 // be told to throw a host's win32_exception (after freeing the block: the block was its

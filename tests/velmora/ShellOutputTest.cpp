@@ -64,6 +64,7 @@ protected:
 TEST_F(ShellOutput, EachTwinServesTheRemoteConsoleThenTheLogThenTheLocalConsole) {
     PlugInEverything();
     for (FSTwin twin : kAllFSTwins) {
+        SCOPED_TRACE(FSTwinName(twin));
         const std::string text = std::string("answer of ") + FSTwinName(twin);
         remote.calls.clear();
         local.calls.clear();
@@ -73,30 +74,16 @@ TEST_F(ShellOutput, EachTwinServesTheRemoteConsoleThenTheLogThenTheLocalConsole)
         remote.onCall = [&](const char*) { nInLogForRemote = CountOf(LogText(), text + ";"); };
         local.onCall = [&](const char*) { nInLogForLocal = CountOf(LogText(), text + ";"); };
 
-        BlockTraffic before = CurrentBlockTraffic();
-        Say(twin, kDesk, text, false, 0x00112233);
-        BlockTraffic spent = Since(before);
-        EXPECT_EQ(LastAllocationSize(), 768u) << FSTwinName(twin);
-        EXPECT_EQ(LastAllocationFlags(), 0u) << FSTwinName(twin);
-
-        EXPECT_EQ(nInLogForRemote, 0) << FSTwinName(twin);
-        EXPECT_EQ(nInLogForLocal, 1) << FSTwinName(twin);
-        ASSERT_EQ(remote.calls.size(), 1u) << FSTwinName(twin);
-        std::vector<ConsoleCall> shown = local.Calls();
-        ASSERT_EQ(shown.size(), 1u) << FSTwinName(twin);
         // One block, seen by the remote console and then taken by the local one, which freed
         // it: the remote console didn't take it.
-        EXPECT_EQ(remote.calls[0].nAddress, shown[0].nAddress) << FSTwinName(twin);
-        EXPECT_EQ(remote.calls[0].text, shown[0].text) << FSTwinName(twin);
-        EXPECT_EQ(spent.nAllocs, 1) << FSTwinName(twin);
-        EXPECT_EQ(spent.nFrees, 1) << FSTwinName(twin);
-        for (const ConsoleCall& call : {remote.calls[0], shown[0]}) {
-            EXPECT_EQ(call.nType, Report_Types::REPORT_FS_OUTPUT) << FSTwinName(twin);
-            EXPECT_EQ(call.bInColor, IsColourTwin(twin)) << FSTwinName(twin);
-            if (IsColourTwin(twin)) {
-                EXPECT_EQ(call.dwColour, 0x00112233u) << FSTwinName(twin);
-            }
-        }
+        EXPECT_EQ(TrafficOf([&] { Say(twin, kDesk, text, false, 0x00112233); }), (BlockTraffic{1, 1}));
+        EXPECT_EQ(std::pair(LastAllocationSize(), LastAllocationFlags()), std::pair(size_t(768), 0u));
+        EXPECT_EQ(std::pair(nInLogForRemote, nInLogForLocal), std::pair(0, 1));
+        std::vector<ConsoleCall> shown = local.Calls();
+        ASSERT_EQ(shown.size(), 1u);
+        EXPECT_EQ(remote.calls, shown);
+        EXPECT_EQ(KindOf(shown[0]), std::tuple(Report_Types::REPORT_FS_OUTPUT, IsColourTwin(twin),
+                                               IsColourTwin(twin) ? 0x00112233u : 0u));
     }
     EXPECT_EQ(remotes.asks, std::vector<std::string>(4, kDesk));
 }
@@ -110,11 +97,10 @@ TEST_F(ShellOutput, OnlyFSLogFortmatedReportStampsItsBlockAndItsLogLine) {
     ASSERT_EQ(logged.size(), 4u);
     for (size_t i = 0; i < 4; ++i) {
         FSTwin twin = kAllFSTwins[i];
-        std::string expected = FSTwinName(twin);
-        if (twin == FSTwin::kFormatted) expected = StampPattern() + expected;
-        EXPECT_TRUE(MatchesPattern(shown[i].text, expected)) << FSTwinName(twin);
-        EXPECT_TRUE(MatchesPattern(remote.calls[i].text, expected)) << FSTwinName(twin);
-        EXPECT_TRUE(MatchesPattern(logged[i], expected)) << FSTwinName(twin);
+        SCOPED_TRACE(FSTwinName(twin));
+        std::string expected = (twin == FSTwin::kFormatted ? StampPattern() : "") + FSTwinName(twin);
+        for (const std::string& text : {shown[i].text, remote.calls[i].text, logged[i]})
+            EXPECT_TRUE(MatchesPattern(text, expected));
     }
 
     // Without a local console, or with bLogOnly, the log line has no stamp.
@@ -175,24 +161,21 @@ TEST_F(ShellOutput, LogOnlyOrNoLocalConsoleWritesTheLogAloneWithoutABlock) {
 
 // ---- The gate of the local console ------------------------------------------------------
 
+// The remote console and the log get a text whatever the level; the block is taken by the
+// local console or freed here, once either way.
 TEST_F(ShellOutput, OnlyTheReportLevelHoldsBackTheLocalConsole) {
     PlugInEverything();
     for (int nLevel : {6, 22, 5, -1}) {
         velmora.SetReportLevel(nLevel);
         for (FSTwin twin : kAllFSTwins) {
             const std::string text = "level " + std::to_string(nLevel) + " " + FSTwinName(twin);
+            SCOPED_TRACE(text);
             remote.calls.clear();
             local.calls.clear();
-            BlockTraffic before = CurrentBlockTraffic();
-            Say(twin, kDesk, text);
-            BlockTraffic spent = Since(before);
-            // The remote console and the log get it whatever the level.
-            EXPECT_EQ(remote.calls.size(), 1u) << text;
-            EXPECT_EQ(CountOf(LogText(), text + ";"), 1) << text;
-            EXPECT_EQ(local.Count(), nLevel >= 6 ? 1u : 0u) << text;
-            // Taken by the local console or freed here, once either way.
-            EXPECT_EQ(spent.nAllocs, 1) << text;
-            EXPECT_EQ(spent.nFrees, 1) << text;
+            EXPECT_EQ(TrafficOf([&] { Say(twin, kDesk, text); }), (BlockTraffic{1, 1}));
+            EXPECT_EQ(remote.calls.size(), 1u);
+            EXPECT_EQ(CountOf(LogText(), text + ";"), 1);
+            EXPECT_EQ(local.Count(), nLevel >= 6 ? 1u : 0u);
         }
     }
 }
@@ -219,41 +202,37 @@ TEST_F(ShellOutput, GrepShellThreadAndStatusToIniNeverHoldShellOutputBack) {
 // ---- Limits and invalid input -------------------------------------------------------------
 
 // A direct log keeps records of more than 512 characters, so the cuts show in the log too.
+// With a local console: 746 characters behind the stamp of FSLogFortmatedReport, 767
+// everywhere else; without one, 767 for every twin.
 TEST_F(ShellOutput, TextsPastTheirRoomAreCutInsideTheBlock) {
     MakeDefaultLog(true);
-    velmora.SetReportConsole(&local);
     velmora.EnableRemoteConsole(&remotes);
     size_t shift = 0;
-    for (FSTwin twin : kAllFSTwins) {
-        // 746 characters behind the stamp of FSLogFortmatedReport, 767 everywhere else.
-        const size_t nRoom = twin == FSTwin::kFormatted ? 746 : 767;
-        const std::string whole = Letters(nRoom, ++shift);
-        const std::string longer = Letters(nRoom + 1, ++shift);
-        const std::string far = Letters(3000, ++shift);
-        local.calls.clear();
-        remote.calls.clear();
-        for (const std::string* text : {&whole, &longer, &far}) Say(twin, kDesk, *text);
-        std::vector<ConsoleCall> shown = local.Calls();
-        ASSERT_EQ(shown.size(), 3u) << FSTwinName(twin);
-        const size_t nStamp = twin == FSTwin::kFormatted ? 21 : 0;
-        EXPECT_EQ(shown[0].text.substr(nStamp), whole) << FSTwinName(twin);
-        EXPECT_EQ(shown[1].text.substr(nStamp), longer.substr(0, nRoom)) << FSTwinName(twin);
-        EXPECT_EQ(shown[2].text.substr(nStamp), far.substr(0, nRoom)) << FSTwinName(twin);
-        ASSERT_EQ(remote.calls.size(), 3u) << FSTwinName(twin);
-        for (size_t i = 0; i < 3; ++i) EXPECT_EQ(remote.calls[i].text, shown[i].text);
-        for (const std::string* text : {&whole, &longer, &far})
-            EXPECT_EQ(CountOf(LogText(), text->substr(0, nRoom) + ";\r\n"), 1)
-                << FSTwinName(twin);
-    }
-
-    velmora.SetReportConsole(nullptr);
-    for (FSTwin twin : kAllFSTwins) {
-        const std::string whole = Letters(767, ++shift);
-        const std::string longer = Letters(768, ++shift);
-        Say(twin, kDesk, whole);
-        Say(twin, kDesk, longer);
-        EXPECT_EQ(CountRecords("[FS Output]", whole), 1) << FSTwinName(twin);
-        EXPECT_EQ(CountRecords("[FS Output]", longer.substr(0, 767)), 1) << FSTwinName(twin);
+    for (bool bLocal : {true, false}) {
+        velmora.SetReportConsole(bLocal ? &local : nullptr);
+        for (FSTwin twin : kAllFSTwins) {
+            SCOPED_TRACE(::testing::Message() << FSTwinName(twin) << (bLocal ? ", console" : ""));
+            const size_t nRoom = bLocal && twin == FSTwin::kFormatted ? 746 : 767;
+            const std::string whole = Letters(nRoom, ++shift);
+            const std::string longer = Letters(nRoom + 1, ++shift);
+            const std::string far = Letters(3000, ++shift);
+            local.calls.clear();
+            remote.calls.clear();
+            for (const std::string* text : {&whole, &longer, &far}) Say(twin, kDesk, *text);
+            // The stamped log line of FSLogFortmatedReport is sought by its end.
+            for (const std::string* text : {&whole, &longer, &far})
+                EXPECT_EQ(bLocal ? CountOf(LogText(), text->substr(0, nRoom) + ";\r\n")
+                                 : CountRecords("[FS Output]", text->substr(0, nRoom)),
+                          1);
+            if (!bLocal) continue;
+            std::vector<ConsoleCall> shown = local.Calls();
+            ASSERT_EQ(shown.size(), 3u);
+            const size_t nStamp = twin == FSTwin::kFormatted ? 21 : 0;
+            EXPECT_EQ(shown[0].text.substr(nStamp), whole);
+            EXPECT_EQ(shown[1].text.substr(nStamp), longer.substr(0, nRoom));
+            EXPECT_EQ(shown[2].text.substr(nStamp), far.substr(0, nRoom));
+            EXPECT_EQ(remote.calls, shown);
+        }
     }
 }
 
@@ -267,10 +246,8 @@ TEST_F(ShellOutput, ANullTextOrFormatIsTakenAsEmpty) {
     velmora.FSLogFortmatedReportInColor(kDesk, 1, szNoFormat);
     std::vector<ConsoleCall> shown = local.Calls();
     ASSERT_EQ(shown.size(), 4u);
-    EXPECT_EQ(shown[0].text, "");
-    EXPECT_EQ(shown[1].text, "");
+    for (size_t i : {0, 1, 3}) EXPECT_EQ(shown[i].text, "") << i;
     EXPECT_TRUE(MatchesPattern(shown[2].text, StampPattern()));
-    EXPECT_EQ(shown[3].text, "");
     EXPECT_EQ(remote.calls.size(), 4u);
 
     velmora.SetReportConsole(nullptr);
@@ -288,36 +265,32 @@ TEST_F(ShellOutput, EveryBlockIsTakenOrFreedExactlyOnceWhateverFails) {
     PlugInEverything();
     for (FSTwin twin : kAllFSTwins) {
         const std::string name = FSTwinName(twin);
+        SCOPED_TRACE(name);
         // The remote console fails: the report is reported under the twin's name and ends
         // there, before the log; the block is freed here.
         local.calls.clear();
         remote.bFailWin32 = true;
-        BlockTraffic before = CurrentBlockTraffic();
-        Say(twin, kDesk, "lost at the remote " + name);
+        BlockTraffic spent = TrafficOf([&] { Say(twin, kDesk, "lost at the remote " + name); });
         remote.bFailWin32 = false;
-        BlockTraffic spent = Since(before);
-        EXPECT_EQ(spent.nAllocs, spent.nFrees) << name;
-        EXPECT_EQ(CountRecords("[Exception]", name + " remote down\n"), 1) << name;
-        EXPECT_EQ(CountOf(LogText(), "lost at the remote " + name), 0) << name;
-        EXPECT_EQ(local.Texts(), std::vector<std::string>{name + " remote down\n"}) << name;
+        EXPECT_EQ(spent.nAllocs, spent.nFrees);
+        EXPECT_EQ(CountRecords("[Exception]", name + " remote down\n"), 1);
+        EXPECT_EQ(CountOf(LogText(), "lost at the remote " + name), 0);
+        EXPECT_EQ(local.Texts(), std::vector<std::string>{name + " remote down\n"});
 
         // The local console fails after it took the block: it freed it, not us.
         local.nWin32FailuresLeft = 1;
-        before = CurrentBlockTraffic();
-        Say(twin, kDesk, "local failure " + name);
-        spent = Since(before);
-        EXPECT_EQ(spent.nAllocs, spent.nFrees) << name;
-        EXPECT_EQ(CountRecords("[Exception]", name + " console down\n"), 1) << name;
-        EXPECT_EQ(CountOf(LogText(), "local failure " + name + ";"), 1) << name;
+        spent = TrafficOf([&] { Say(twin, kDesk, "local failure " + name); });
+        EXPECT_EQ(spent.nAllocs, spent.nFrees);
+        EXPECT_EQ(CountRecords("[Exception]", name + " console down\n"), 1);
+        EXPECT_EQ(CountOf(LogText(), "local failure " + name + ";"), 1);
 
         // Anything but a win32_exception passes through, and the block is freed on the way.
         remote.bFailWithRuntimeError = true;
-        before = CurrentBlockTraffic();
-        EXPECT_THROW(Say(twin, kDesk, "thrown " + name), std::runtime_error) << name;
+        EXPECT_EQ(TrafficOf([&] {
+                      EXPECT_THROW(Say(twin, kDesk, "thrown " + name), std::runtime_error);
+                  }),
+                  (BlockTraffic{1, 1}));
         remote.bFailWithRuntimeError = false;
-        spent = Since(before);
-        EXPECT_EQ(spent.nAllocs, 1) << name;
-        EXPECT_EQ(spent.nFrees, 1) << name;
 
         // No block, no report: neither the log nor a console.
         remote.calls.clear();
@@ -325,9 +298,9 @@ TEST_F(ShellOutput, EveryBlockIsTakenOrFreedExactlyOnceWhateverFails) {
         FailBlockAllocations(true);
         Say(twin, kDesk, "no block " + name);
         FailBlockAllocations(false);
-        EXPECT_TRUE(remote.calls.empty()) << name;
-        EXPECT_EQ(local.Count(), 0u) << name;
-        EXPECT_EQ(CountOf(LogText(), "no block " + name), 0) << name;
+        EXPECT_TRUE(remote.calls.empty());
+        EXPECT_EQ(local.Count(), 0u);
+        EXPECT_EQ(CountOf(LogText(), "no block " + name), 0);
     }
 }
 
@@ -339,13 +312,11 @@ TEST_F(ShellOutput, ALocalConsoleNamedForASourceGetsTheBlockOnce) {
     for (int nLevel : {22, 5}) {
         velmora.SetReportLevel(nLevel);
         for (FSTwin twin : kAllFSTwins) {
+            SCOPED_TRACE(::testing::Message() << FSTwinName(twin) << ", level " << nLevel);
             local.calls.clear();
-            BlockTraffic before = CurrentBlockTraffic();
-            Say(twin, "localhost", FSTwinName(twin));
-            BlockTraffic spent = Since(before);
-            EXPECT_EQ(local.Count(), nLevel >= 6 ? 1u : 0u) << FSTwinName(twin);
-            EXPECT_EQ(spent.nAllocs, 1) << FSTwinName(twin);
-            EXPECT_EQ(spent.nFrees, 1) << FSTwinName(twin);
+            EXPECT_EQ(TrafficOf([&] { Say(twin, "localhost", FSTwinName(twin)); }),
+                      (BlockTraffic{1, 1}));
+            EXPECT_EQ(local.Count(), nLevel >= 6 ? 1u : 0u);
             // The same texts at both levels: the second round finds the first one's too.
             EXPECT_EQ(CountOf(LogText(), std::string(FSTwinName(twin)) + ";"),
                       nLevel >= 6 ? 1 : 2);
