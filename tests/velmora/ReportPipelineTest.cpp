@@ -102,9 +102,7 @@ TEST_F(ReportPipeline, WithoutAConsoleEveryTwinWritesOnlyTheLogAndAllocatesNothi
     velmora.LogReport(Report_Types::REPORT_ALGO_LOADED, nullptr);
     const char* volatile szNoFormat = nullptr;
     velmora.LogFortmatedReport(Report_Types::REPORT_ALGO_UNLOADED, szNoFormat);
-    BlockTraffic spent = Since(before);
-    EXPECT_EQ(spent.nAllocs, 0);
-    EXPECT_EQ(spent.nFrees, 0);
+    EXPECT_EQ(Since(before), BlockTraffic());
 
     EXPECT_EQ(CountRecords("[Runtime State]", "plain text"), 1);
     EXPECT_EQ(CountRecords("[FS Command]", "colour text"), 1);
@@ -120,46 +118,39 @@ TEST_F(ReportPipeline, TheConsoleGetsAStampedBlockAndTheLogTheTextWithoutIt) {
     velmora.SetReportConsole(&console);
     SYSTEMTIME before, after;
     GetPeltrixLocalTime(&before, 0);
+    const std::pair<size_t, unsigned> kBlock(768, 0);  // size and flags of a console block
     BlockTraffic traffic = CurrentBlockTraffic();
     velmora.LogReport(Report_Types::REPORT_MAINTENANCE, "hello");
-    EXPECT_EQ(LastAllocationSize(), 768u);
-    EXPECT_EQ(LastAllocationFlags(), 0u);
+    EXPECT_EQ(std::pair(LastAllocationSize(), LastAllocationFlags()), kBlock);
     velmora.LogReportInColor(Report_Types::REPORT_DB_ENGINE, 0xDEADBEEF, "red");
     velmora.LogFortmatedReport(Report_Types::REPORT_ALERT, "v=%d", 5);
-    EXPECT_EQ(LastAllocationSize(), 768u);
-    EXPECT_EQ(LastAllocationFlags(), 0u);
+    EXPECT_EQ(std::pair(LastAllocationSize(), LastAllocationFlags()), kBlock);
     velmora.LogFortmatedReportInColor(Report_Types::REPORT_SENT, 0x00FF00, "%s|%3d", "g", 7);
     GetPeltrixLocalTime(&after, 0);
 
     // One block for each report, freed once by the console that received it.
-    BlockTraffic spent = Since(traffic);
-    EXPECT_EQ(spent.nAllocs, 4);
-    EXPECT_EQ(spent.nFrees, 4);
+    EXPECT_EQ(Since(traffic), (BlockTraffic{4, 4}));
 
+    // The colour twins call the colour operation with the colour unchanged.
+    struct Expected {
+        const char* szText;
+        std::tuple<Report_Types::DEF, bool, DWORD> kind;
+        const char* szPrefix;
+    };
+    const Expected expected[] = {
+        {"hello", {Report_Types::REPORT_MAINTENANCE, false, 0}, "[Maintenance]"},
+        {"red", {Report_Types::REPORT_DB_ENGINE, true, 0xDEADBEEF}, "[DB Engine]"},
+        {"v=5", {Report_Types::REPORT_ALERT, false, 0}, "[Alert]"},
+        {"g|  7", {Report_Types::REPORT_SENT, true, 0x00FF00}, "[Sent]"}};
     std::vector<ConsoleCall> calls = console.Calls();
     ASSERT_EQ(calls.size(), 4u);
-    const char* const texts[] = {"hello", "red", "v=5", "g|  7"};
-    const Report_Types::DEF types[] = {Report_Types::REPORT_MAINTENANCE,
-                                       Report_Types::REPORT_DB_ENGINE,
-                                       Report_Types::REPORT_ALERT, Report_Types::REPORT_SENT};
     for (size_t i = 0; i < calls.size(); ++i) {
-        EXPECT_TRUE(MatchesPattern(calls[i].text, std::string("[##/## ##:##:##.###] ") + texts[i]))
-            << i;
-        EXPECT_TRUE(StampIsBetween(calls[i].text, before, after)) << calls[i].text;
-        EXPECT_EQ(calls[i].nType, types[i]) << i;
+        SCOPED_TRACE(calls[i].text);
+        EXPECT_TRUE(MatchesPattern(calls[i].text, "[##/## ##:##:##.###] " + std::string(expected[i].szText)));
+        EXPECT_TRUE(StampIsBetween(calls[i].text, before, after));
+        EXPECT_EQ(KindOf(calls[i]), expected[i].kind);
+        EXPECT_EQ(CountRecords(expected[i].szPrefix, expected[i].szText), 1);
     }
-    // The colour twins call the colour operation with the colour unchanged.
-    EXPECT_FALSE(calls[0].bInColor);
-    EXPECT_TRUE(calls[1].bInColor);
-    EXPECT_EQ(calls[1].dwColour, 0xDEADBEEFu);
-    EXPECT_FALSE(calls[2].bInColor);
-    EXPECT_TRUE(calls[3].bInColor);
-    EXPECT_EQ(calls[3].dwColour, 0x00FF00u);
-
-    EXPECT_EQ(CountRecords("[Maintenance]", "hello"), 1);
-    EXPECT_EQ(CountRecords("[DB Engine]", "red"), 1);
-    EXPECT_EQ(CountRecords("[Alert]", "v=5"), 1);
-    EXPECT_EQ(CountRecords("[Sent]", "g|  7"), 1);
 
     // The default log is a log client, which cuts a record at 512 characters; the console
     // shows the whole text.
@@ -173,34 +164,23 @@ TEST_F(ReportPipeline, TheConsoleGetsAStampedBlockAndTheLogTheTextWithoutIt) {
 // A direct log keeps records of more than 512 characters, so the cuts of the pipeline show.
 TEST_F(ReportPipeline, TextsAreCutAt746CharactersInABlockAndAt767Without) {
     MakeDefaultLog(true);
-    velmora.SetReportConsole(&console);
     size_t shift = 0;
-    for (Twin twin : kAllTwins) {
-        std::string whole = Letters(746, ++shift);
-        std::string longer = Letters(747, ++shift);
-        std::string far = Letters(2000, ++shift);
-        Report(twin, Report_Types::REPORT_ALERT, whole);
-        Report(twin, Report_Types::REPORT_ALERT, longer);
-        Report(twin, Report_Types::REPORT_ALERT, far);
-        std::vector<std::string> texts = console.Texts();
-        ASSERT_EQ(texts.size(), 3u) << TwinName(twin);
-        EXPECT_EQ(texts[0], whole) << TwinName(twin);
-        EXPECT_EQ(texts[1], longer.substr(0, 746)) << TwinName(twin);
-        EXPECT_EQ(texts[2], far.substr(0, 746)) << TwinName(twin);
-        EXPECT_EQ(CountRecords("[Alert]", whole), 1) << TwinName(twin);
-        EXPECT_EQ(CountRecords("[Alert]", longer.substr(0, 746)), 1) << TwinName(twin);
-        EXPECT_EQ(CountRecords("[Alert]", far.substr(0, 746)), 1) << TwinName(twin);
-        console.calls.clear();
-    }
-
-    velmora.SetReportConsole(nullptr);
-    for (Twin twin : kAllTwins) {
-        std::string whole = Letters(767, ++shift);
-        std::string longer = Letters(768, ++shift);
-        Report(twin, Report_Types::REPORT_ALERT, whole);
-        Report(twin, Report_Types::REPORT_ALERT, longer);
-        EXPECT_EQ(CountRecords("[Alert]", whole), 1) << TwinName(twin);
-        EXPECT_EQ(CountRecords("[Alert]", longer.substr(0, 767)), 1) << TwinName(twin);
+    for (bool bConsole : {true, false}) {
+        velmora.SetReportConsole(bConsole ? &console : nullptr);
+        const size_t nRoom = bConsole ? 746 : 767;
+        for (Twin twin : kAllTwins) {
+            SCOPED_TRACE(::testing::Message() << TwinName(twin) << (bConsole ? ", console" : ""));
+            const std::vector<std::string> texts = {
+                Letters(nRoom, ++shift), Letters(nRoom + 1, ++shift), Letters(2000, ++shift)};
+            std::vector<std::string> cut;
+            for (const std::string& text : texts) {
+                Report(twin, Report_Types::REPORT_ALERT, text);
+                cut.push_back(text.substr(0, nRoom));
+                EXPECT_EQ(CountRecords("[Alert]", cut.back()), 1);
+            }
+            EXPECT_EQ(console.Texts(), bConsole ? cut : std::vector<std::string>());
+            console.calls.clear();
+        }
     }
 }
 
@@ -226,39 +206,35 @@ TEST_F(ReportPipeline, TheReportLevelHoldsBackTheConsoleButNeverTheLog) {
 }
 
 TEST_F(ReportPipeline, SetReportLevelCapsAt22AndAdjustReportLevelRefusesNegatives) {
+    // What AdjustReportLevel returns, and the level after it.
+    auto Adjust = [](int nBy) { return std::pair(velmora.AdjustReportLevel(nBy), velmora.nReportLevel); };
     EXPECT_EQ(velmora.nReportLevel, 22);
     velmora.SetReportLevel(100);
     EXPECT_EQ(velmora.nReportLevel, 22);
-    EXPECT_EQ(velmora.AdjustReportLevel(100), 122);
-    EXPECT_EQ(velmora.nReportLevel, 122);
+    EXPECT_EQ(Adjust(100), std::pair(122, 122));
 
     // During a shell command the level can't be adjusted, but it can be set.
     velmora.SetReportLevel(22);
     velmora.bInShellCommand = true;
-    EXPECT_EQ(velmora.AdjustReportLevel(-1), -1);
-    EXPECT_EQ(velmora.nReportLevel, 22);
+    EXPECT_EQ(Adjust(-1), std::pair(-1, 22));
     velmora.SetReportLevel(10);
     EXPECT_EQ(velmora.nReportLevel, 10);
     velmora.bInShellCommand = false;
 
     velmora.SetReportLevel(22);
-    EXPECT_EQ(velmora.AdjustReportLevel(-23), -1);
-    EXPECT_EQ(velmora.nReportLevel, 22);
-    EXPECT_EQ(velmora.AdjustReportLevel(-22), 0);
-    EXPECT_EQ(velmora.nReportLevel, 0);
+    EXPECT_EQ(Adjust(-23), std::pair(-1, 22));
+    EXPECT_EQ(Adjust(-22), std::pair(0, 0));
     // A sum that wraps in 32 bits is negative and refused like any other.
     velmora.SetReportLevel(22);
-    EXPECT_EQ(velmora.AdjustReportLevel(INT_MAX), -1);
-    EXPECT_EQ(velmora.nReportLevel, 22);
+    EXPECT_EQ(Adjust(INT_MAX), std::pair(-1, 22));
 
     // From a negative level only SetReportLevel comes back.
     velmora.SetReportLevel(-5);
     EXPECT_EQ(velmora.nReportLevel, -5);
-    EXPECT_EQ(velmora.AdjustReportLevel(10), -1);
-    EXPECT_EQ(velmora.AdjustReportLevel(0), -1);
-    EXPECT_EQ(velmora.nReportLevel, -5);
+    EXPECT_EQ(Adjust(10), std::pair(-1, -5));
+    EXPECT_EQ(Adjust(0), std::pair(-1, -5));
     velmora.SetReportLevel(3);
-    EXPECT_EQ(velmora.AdjustReportLevel(2), 5);
+    EXPECT_EQ(Adjust(2), std::pair(5, 5));
 }
 
 TEST_F(ReportPipeline, TheGrepTextIsSoughtInTheWholeBlockStampIncluded) {
@@ -342,11 +318,9 @@ TEST_F(ReportPipeline, EveryBlockReachesTheConsoleOrIsFreedExactlyOnce) {
         Report(twin, Report_Types::REPORT_ALERT, "status to ini");
         nReports += 5;
     }
-    BlockTraffic spent = Since(before);
+    EXPECT_EQ(Since(before), (BlockTraffic{nReports, nReports}));
     // Passed: 4 "passes", the 2 colour twins past the shell thread, 3 twins past the INI flag.
     EXPECT_EQ(console.Count(), 9u);
-    EXPECT_EQ(spent.nAllocs, nReports);
-    EXPECT_EQ(spent.nFrees, nReports);
 }
 
 TEST_F(ReportPipeline, AFailedAllocationReportsNothingAnywhere) {
@@ -402,12 +376,8 @@ TEST_F(ReportPipeline, RawMessagesReachTheConsoleOnlyWhileMessageReportingIsOn) 
     char* szBlock = RawBlock("raw while on");
     uintptr_t nAddress = reinterpret_cast<uintptr_t>(szBlock);
     velmora.LogRawMsgReport(Report_Types::REPORT_SENT, szBlock);
-    std::vector<ConsoleCall> calls = console.Calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].nAddress, nAddress);
-    EXPECT_EQ(calls[0].text, "raw while on");
-    EXPECT_EQ(calls[0].nType, Report_Types::REPORT_SENT);
-    EXPECT_FALSE(calls[0].bInColor);
+    EXPECT_EQ(console.Calls(), std::vector<ConsoleCall>(
+                                   {{Report_Types::REPORT_SENT, false, 0, "raw while on", nAddress}}));
 
     // No console: freed.
     velmora.SetReportConsole(nullptr);
@@ -428,11 +398,9 @@ TEST_F(ReportPipeline, IsRawMsgFilteredAsksThePluggedInConsole) {
     EXPECT_FALSE(velmora.IsRawMsgFiltered(Report_Types::REPORT_SENT, &nMessage));
     console.bFilterAnswer = true;
     EXPECT_TRUE(velmora.IsRawMsgFiltered(Report_Types::REPORT_RECEIVED, nullptr));
-    ASSERT_EQ(console.filterAsks.size(), 2u);
-    EXPECT_EQ(console.filterAsks[0].first, Report_Types::REPORT_SENT);
-    EXPECT_EQ(console.filterAsks[0].second, &nMessage);
-    EXPECT_EQ(console.filterAsks[1].first, Report_Types::REPORT_RECEIVED);
-    EXPECT_EQ(console.filterAsks[1].second, nullptr);
+    EXPECT_EQ(console.filterAsks, (std::vector<std::pair<Report_Types::DEF, void*>>{
+                                      {Report_Types::REPORT_SENT, &nMessage},
+                                      {Report_Types::REPORT_RECEIVED, nullptr}}));
 
     // A console that keeps the default filters nothing.
     struct PlainConsole : CReportConsoleInf {
@@ -450,14 +418,9 @@ TEST_F(ReportPipeline, AFailureToEnableTheLoggerTimerIsReportedAsARuntimeState) 
 
     SetLoggerSysTimeResult(1450);
     velmora.ToEnableLoggerSysTime();
-    std::vector<ConsoleCall> calls = console.Calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].nType, Report_Types::REPORT_RUNTIME_STATE);
-    EXPECT_EQ(calls[0].text.substr(21), "The Logger timer could be enabled with error 1450\n");
-    std::string log = LogText();
-    EXPECT_EQ(velmora_log_test::CountOf(log, "Logger timer"), 1);
-    EXPECT_EQ(velmora_log_test::CountOf(
-                  log, Record("[Runtime State]",
-                              "The Logger timer could be enabled with error 1450\n")),
-              1);
+    const std::string text = "The Logger timer could be enabled with error 1450\n";
+    ASSERT_EQ(console.Texts(), std::vector<std::string>{text});
+    EXPECT_EQ(KindOf(console.Calls()[0]), std::tuple(Report_Types::REPORT_RUNTIME_STATE, false, 0u));
+    EXPECT_EQ(velmora_log_test::CountOf(LogText(), "Logger timer"), 1);
+    EXPECT_EQ(CountRecords("[Runtime State]", text), 1);
 }
