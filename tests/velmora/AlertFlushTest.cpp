@@ -3,6 +3,7 @@
 // alert system, the monitor, none, one that fails), the reload of the interval, many
 // raising threads at once, and the alert timer thread behind Init.
 #include "AlertTestSupport.h"
+#include "DispatchTestSupport.h"
 
 #include <algorithm>
 #include <map>
@@ -11,6 +12,7 @@
 
 using namespace velmora_alert_test;
 using velmora_log_test::CountOf;
+using velmora_shell_test::WaitFor;
 
 namespace {
 
@@ -545,8 +547,7 @@ TEST_F(AlertFlush, ManyThreadsLoseNothing) {
         SCOPED_TRACE(text);
         // A record that was quiet all along may have gone in this flush.
         if (AlertRecord* pRecord = MonitorRecord(text)) {
-            EXPECT_EQ(pRecord->nTotal, nRaised);
-            EXPECT_EQ(pRecord->nPending, 0);
+            EXPECT_EQ(Counts(pRecord), std::pair(nRaised, 0));
         }
         if (lastMonitorAlert[text] != text) {  // delivered once more than at first
             EXPECT_EQ(lastMonitorAlert[text], text + "[Total:" + std::to_string(nRaised) + "]");
@@ -569,16 +570,6 @@ protected:
         _G_Directory = nullptr;
     }
 
-    // Polls for a condition for up to ten seconds.
-    template <typename Condition>
-    static bool Eventually(Condition condition) {
-        for (int i = 0; i < 200; ++i) {
-            if (condition()) return true;
-            Sleep(50);
-        }
-        return condition();
-    }
-
     velmora_test::TempDir objects, logs;
     AlertDirectory directory;
     RecordingAlertSystem alertSystem;
@@ -594,19 +585,19 @@ TEST_F(AlertTimer, TheTimerThreadDeliversWhatIsDue) {
     const std::string line = EventLine("Route Disabled", "Gateway", "G7", "route off");
     for (int i = 0; i < 3; ++i) velmora.AlertMsg(4, QAS::ROUTE_DISABLED, "Gateway", "G7", "route off");
     velmora.AlertMsg("Down", "HostA");
-    ASSERT_TRUE(Eventually([&] { return alertSystem.Deliveries().size() == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return alertSystem.Deliveries().size() == 1; }));
     EXPECT_EQ(alertSystem.Texts()[0], line);
-    ASSERT_TRUE(Eventually([&] {
+    ASSERT_TRUE(WaitFor([&] {
         return velmora_test::ReadFile(monitorFile).find(";From:HostA Down\n\r\n") != std::string::npos;
     }));
     // The delivery read the interval again.
-    EXPECT_TRUE(Eventually([&] { return directory.nRepeatReads >= 1; }));
+    EXPECT_TRUE(WaitFor([&] { return directory.nRepeatReads >= 1; }));
 
     // Held occurrences wait; a late one asks for a flush that delivers their total.
     for (int i = 0; i < 2; ++i) velmora.AlertMsg(4, QAS::ROUTE_DISABLED, "Gateway", "G7", "route off");
     Advance(180001);
     velmora.AlertMsg(4, QAS::ROUTE_DISABLED, "Gateway", "G7", "route off");
-    ASSERT_TRUE(Eventually([&] { return alertSystem.Deliveries().size() == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return alertSystem.Deliveries().size() == 2; }));
     EXPECT_EQ(alertSystem.Texts()[1], line + "[Total:6]");
 
     // Shutdown stops the thread and frees the records.

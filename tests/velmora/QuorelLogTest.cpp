@@ -22,22 +22,28 @@ using velmora_test::TempDir;
 
 namespace {
 
-// Direct-file logs in "<temp>/log/PFX.SFX/", the folder that the directory service gives.
-class QuorelLogDirect : public ::testing::Test {
+// Direct-file logs (QuorelLogDirect) in "<temp>/log/PFX.SFX/", the folder that the directory
+// service gives, or log-client logs (QuorelLogClient), whose files the client writes into
+// PELTRIX_LOG_FOLDER.
+template <bool kDirect>
+class QuorelLogFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         fs::create_directories(tmp.path() + "/log");
+        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
         directory.localLogsFolder = tmp.path();
         _G_Directory = &directory;
         SetAppName("App");
     }
     void TearDown() override { _G_Directory = nullptr; }
 
-    std::string Folder() const { return tmp.path() + "/log/PFX.SFX/"; }
+    std::string Folder() const {
+        return kDirect ? tmp.path() + "/log/PFX.SFX/" : clientFolder.path() + "/";
+    }
     std::string FileOf(const std::string& name) const { return Folder() + "App_" + name + ".log"; }
-    // A private direct log; a text log starts with its "START" banner.
+    // A private log of the fixture's mode; a text log starts with its "START" banner.
     CQuorelLog* Open(const char* szName, bool bTextMode) {
-        return velmora.GetLogClient(szName, bTextMode, true, false);
+        return velmora.GetLogClient(szName, bTextMode, kDirect, false);
     }
     // The file of a text log after its opening banner, which must be there.
     std::string Body(const std::string& name) {
@@ -48,29 +54,11 @@ protected:
     }
 
     TempDir tmp;
-    TestDirectory directory;
-};
-
-// Log-client logs, whose files the client writes into PELTRIX_LOG_FOLDER.
-class QuorelLogClient : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
-        // The constructor makes its own folder in any mode: keep it in the temporary folder.
-        directory.localLogsFolder = folderOfDirectory.path();
-        _G_Directory = &directory;
-        SetAppName("App");
-    }
-    void TearDown() override { _G_Directory = nullptr; }
-
-    std::string FileOf(const std::string& name) const {
-        return clientFolder.path() + "/App_" + name + ".log";
-    }
-
     TempDir clientFolder;
-    TempDir folderOfDirectory;
     TestDirectory directory;
 };
+using QuorelLogDirect = QuorelLogFixture<true>;
+using QuorelLogClient = QuorelLogFixture<false>;
 
 // The folder of the test program, with its closing '/'.
 std::string ExecutableFolder() {
@@ -397,7 +385,7 @@ TEST_F(QuorelLogDirect, FullLogPathAndSessionChange) {
 // ---- Log-client mode -------------------------------------------------------------------------
 
 TEST_F(QuorelLogClient, PrefixedMessagesAreCutTo512) {
-    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("cut", true, false, false));
+    CQuorelLog* pLog = MustOpen(Open("cut", true));
     ASSERT_NE(pLog->pClient, nullptr);
     EXPECT_EQ(pLog->hFile, INVALID_HANDLE_VALUE);
     EXPECT_EQ(pLog->GetLongRawMsgThreshHold(), 738);
@@ -438,7 +426,7 @@ TEST_F(QuorelLogClient, PrefixedMessagesAreCutTo512) {
 }
 
 TEST_F(QuorelLogClient, RawClientRecords) {
-    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("raw", false, false, false));
+    CQuorelLog* pLog = MustOpen(Open("raw", false));
     std::string over = Letters(600);
     pLog->Log("P", over.c_str());
     pLog->Log(nullptr, "bare");
@@ -464,7 +452,7 @@ TEST_F(QuorelLogClient, ClosedClientLogDropsRecordsAndKeepsTheCallersBuffer) {
 }
 
 TEST_F(QuorelLogClient, SessionMarkerFollowsEarlierRecords) {
-    CQuorelLog* pLog = MustOpen(velmora.GetLogClient("sess", true, false, false));
+    CQuorelLog* pLog = MustOpen(Open("sess", true));
     pLog->Log("P", "one");
     pLog->Log(nullptr, "two");
     auto start = std::chrono::steady_clock::now();
