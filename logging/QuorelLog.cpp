@@ -75,14 +75,17 @@ bool AppendCut(char* szBuffer, size_t nSize, const char* szText) {
 // Formats the path of a direct log file into szBuffer: the log folder, then
 // "<application>_<log>.log". The result is the length of the whole path, also where the
 // buffer had to cut it.
+// The folder is read as a snapshot: a log constructed on another thread may rewrite it.
 int FormatLogPath(char* szBuffer, size_t nSize, const char* szAppName, const char* szLogName) {
-    return snprintf(szBuffer, nSize, "%s%s_%s.log", _G_LogFileFolder, szAppName, szLogName);
+    char szFolder[sizeof(_G_LogFileFolder)];
+    velmora_core::RelaxedLoadText(_G_LogFileFolder, szFolder, sizeof(szFolder));
+    return snprintf(szBuffer, nSize, "%s%s_%s.log", szFolder, szAppName, szLogName);
 }
 
 }  // namespace
 
 // A closed log. The construction also rebuilds the process's log folder from nothing,
-// which is why CVelmora constructs logs under its log client lock.
+// which is why CVelmora constructs its log clients under its log client lock.
 CQuorelLog::CQuorelLog(const char* szApp, const char* szLog, bool bText, bool bDirect,
                        bool bPersist)
     : pClient(nullptr),
@@ -145,12 +148,15 @@ CQuorelLog::CQuorelLog(const char* szApp, const char* szLog, bool bText, bool bD
         AppendCut(szFolder, sizeof(szFolder), szSuffix != nullptr ? szSuffix : "");
         AppendCut(szFolder, sizeof(szFolder), "/");
     }
-    memcpy(_G_LogFileFolder, szFolder, sizeof(_G_LogFileFolder));
+    // Profile logs are constructed without the log client lock, so two constructions may
+    // meet here: the folder is stored with relaxed byte stores, and the directory made is
+    // this construction's own folder.
+    velmora_core::RelaxedStoreText(_G_LogFileFolder, sizeof(_G_LogFileFolder), szFolder);
 
     // One level only, whatever the result: the folder "log/" has to exist already for the
     // level of the directory service to be made. If the folder can't be made, the file
     // doesn't open.
-    CreateDirectoryA(_G_LogFileFolder, nullptr);
+    CreateDirectoryA(szFolder, nullptr);
 
     nBottleNeckUnit = 25;
 }
