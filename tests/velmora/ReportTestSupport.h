@@ -62,11 +62,11 @@ void SetLoggerSysTimeResult(int nResult);
 
 // ---- Trace lines ------------------------------------------------------------------------
 
-// The messages of the TRACE records of the calling thread, in order, without their closing
-// ';'.
-inline std::vector<std::string> TraceMessages(const std::string& log) {
+// The messages of the records with this prefix of the calling thread, in order, without
+// their closing ';'.
+inline std::vector<std::string> MessagesOf(const std::string& log, const std::string& prefix) {
     std::vector<std::string> messages;
-    const std::string head = ";TRACE;" + velmora_log_test::ThreadText() + ";";
+    const std::string head = ";" + prefix + ";" + velmora_log_test::ThreadText() + ";";
     for (const std::string& line : velmora_test::SplitLines(log)) {
         size_t at = line.find(head);
         if (at == std::string::npos) continue;
@@ -75,6 +75,11 @@ inline std::vector<std::string> TraceMessages(const std::string& log) {
         messages.push_back(message);
     }
     return messages;
+}
+
+// The messages of the TRACE records of the calling thread.
+inline std::vector<std::string> TraceMessages(const std::string& log) {
+    return MessagesOf(log, "TRACE");
 }
 
 // Whether a trace message is "Velmora Line:<n> <name> <description>".

@@ -40,16 +40,7 @@ protected:
 
     // The messages of the "[FS Output]" records of the calling thread, in order.
     std::vector<std::string> OutputMessages() {
-        std::vector<std::string> messages;
-        const std::string head = ";[FS Output];" + velmora_log_test::ThreadText() + ";";
-        for (const std::string& line : velmora_test::SplitLines(LogText())) {
-            size_t at = line.find(head);
-            if (at == std::string::npos) continue;
-            std::string message = line.substr(at + head.size());
-            if (!message.empty() && message.back() == ';') message.pop_back();
-            messages.push_back(message);
-        }
-        return messages;
+        return velmora_report_test::MessagesOf(LogText(), "[FS Output]");
     }
 
     ProbedConsole local;
