@@ -133,7 +133,8 @@ void CVelmora::FlushAlerts() {
         int nMinutes = 0;
         pDirectory->GetIntSetting(kRepeatIntervalSection, kRepeatIntervalKey, &nMinutes);
         if (nMinutes >= kShortestConfiguredMinutes)
-            velmora_core::RelaxedStore(nAlertRepeatMS, int(DWORD(nMinutes) * kMillisecondsPerMinute));
+            velmora_core::RelaxedStore(nAlertRepeatMS,
+                                       int(DWORD(nMinutes) * kMillisecondsPerMinute));
     } catch (const win32_exception& failure) {
         ReportException("CVelmora::FlushAlerts", failure.what());
     }

@@ -2,8 +2,8 @@
 // the switches of per-thread profile logging on the default log.
 //
 // These are services for hosts; nothing inside the library calls them. They take no lock:
-// the console and its switch are plain members that a host sets before the threads that
-// report run.
+// a host plugs the console in before the threads that report run, and the switch may be
+// turned at any time (a relaxed atomic flag).
 #include "include/Velmora.h"
 #include "core/RelaxedAccess.h"
 
@@ -36,7 +36,8 @@ void CVelmora::ReportPerformance(Performance_Types::DEF nType, const char* szCli
         szFormat = kTradingLatencyFormat;
         break;
     }
-    if (szFormat != nullptr && velmora_core::RelaxedLoad(debugLevel) >= 0 && globalDefaultLog != nullptr) {
+    if (szFormat != nullptr && velmora_core::RelaxedLoad(debugLevel) >= 0 &&
+        globalDefaultLog != nullptr) {
         char szText[kReportLength + 1];
         snprintf(szText, sizeof(szText), szFormat, szClient != nullptr ? szClient : kNullClient,
                  nMS);

@@ -74,8 +74,8 @@ bool AppendCut(char* szBuffer, size_t nSize, const char* szText) {
 
 // Formats the path of a direct log file into szBuffer: the log folder, then
 // "<application>_<log>.log". The result is the length of the whole path, also where the
-// buffer had to cut it.
-// The folder is read as a snapshot: a log constructed on another thread may rewrite it.
+// buffer had to cut it. The folder is read as a snapshot: a log constructed on another
+// thread may be rewriting it.
 int FormatLogPath(char* szBuffer, size_t nSize, const char* szAppName, const char* szLogName) {
     char szFolder[sizeof(_G_LogFileFolder)];
     velmora_core::RelaxedLoadText(_G_LogFileFolder, szFolder, sizeof(szFolder));
@@ -217,14 +217,16 @@ void CQuorelLog::Log(const char* szPrefix, const char* szMsg) {
             szCut[kClientCut] = '\0';
             szMsg = szCut;
         }
-        if (velmora_core::RelaxedLoad(nProfileCount) != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
+        if (velmora_core::RelaxedLoad(nProfileCount) != 0)
+            velmora_logging::ProfileStep(this, szPrefix, szMsg);
         pClient->Log(szPrefix, szMsg);
         return;
     }
 
     if (hFile == INVALID_HANDLE_VALUE) return;
     DWORD dwThread = GetCurrentThreadId();
-    if (velmora_core::RelaxedLoad(nProfileCount) != 0) velmora_logging::ProfileStep(this, szPrefix, szMsg);
+    if (velmora_core::RelaxedLoad(nProfileCount) != 0)
+        velmora_logging::ProfileStep(this, szPrefix, szMsg);
 
     char szRecord[kRecordSize];
     const char* szText = szRecord;

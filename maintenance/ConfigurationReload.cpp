@@ -8,8 +8,8 @@
 // off the console meanwhile.
 //
 // Everything runs on the caller's thread (the shell command's) without a lock; the report
-// level and the debug level are plain stores that the reporting threads pick up when they
-// next read them.
+// level and the debug level are relaxed atomic stores that the reporting threads pick up when
+// they next read them.
 #include "core/AsciiText.h"
 #include "core/RelaxedAccess.h"
 #include "maintenance/SubscriberWalk.h"
