@@ -5,7 +5,6 @@
 #include "tests/stress/StressSupport.h"
 
 #include <string>
-#include <sys/stat.h>
 
 namespace {
 
@@ -17,13 +16,7 @@ TEST(StressLogs, LogsMadeOnManyThreadsOpenInTheOneFolderAndKeepTheirRecords) {
     constexpr int kPrivateThreads = 4, kProfileThreads = 2;  // two profile slots
     const int nRounds = Scaled(40);
 
-    velmora_test::TempDir base;
-    ASSERT_EQ(mkdir((base.path() + "/log").c_str(), 0755), 0);
-    velmora_log_test::TestDirectory directory;
-    directory.localLogsFolder = base.path();
-    CDirectoryServiceInf* pHostDirectory = _G_Directory;
-    _G_Directory = &directory;
-    const std::string folder = base.path() + "/log/PFX.SFX/";
+    const std::string folder = velmora_stress::g_pServiceEnvironment->DirectLogFolder();
     const std::string app = velmora.GetAppName();
 
     std::atomic<int> nRefusedProfiles{0};
@@ -48,7 +41,6 @@ TEST(StressLogs, LogsMadeOnManyThreadsOpenInTheOneFolderAndKeepTheirRecords) {
             pLog->Close();
         }
     });
-    _G_Directory = pHostDirectory;
 
     EXPECT_EQ(nRefusedProfiles.load(), 0);
     for (int t = 0; t < kPrivateThreads; ++t)

@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
+
 namespace velmora_stress {
 
 inline int Scale() {
@@ -104,6 +106,9 @@ public:
         m_tmp = std::make_unique<velmora_test::TempDir>();
         ASSERT_EQ(setenv("VELMORA_OBJECT_FOLDER", m_tmp->path().c_str(), 1), 0);
         ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", m_tmp->path().c_str(), 1), 0);
+        // Direct log files go below the process's folder too: <tmp>/log/PFX.SFX/.
+        ASSERT_EQ(mkdir((m_tmp->path() + "/log").c_str(), 0755), 0);
+        m_directory.localLogsFolder = m_tmp->path();
         _G_Directory = &m_directory;
         ASSERT_TRUE(velmora.Init(velmora_test::UniqueName("Stress").c_str(), 1));
     }
@@ -113,12 +118,15 @@ public:
         m_tmp.reset();
     }
 
+    // The folder of the direct log files, with its closing slash.
+    std::string DirectLogFolder() const { return m_tmp->path() + "/log/PFX.SFX/"; }
+
 private:
     std::unique_ptr<velmora_test::TempDir> m_tmp;
     velmora_log_test::TestDirectory m_directory;
 };
-inline ::testing::Environment* const g_pServiceEnvironment =
-    ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
+inline ServiceEnvironment* const g_pServiceEnvironment = static_cast<ServiceEnvironment*>(
+    ::testing::AddGlobalTestEnvironment(new ServiceEnvironment));
 
 // The whole default log, once everything handed to it is in the file.
 inline std::string LogText() {
