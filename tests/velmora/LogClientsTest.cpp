@@ -15,25 +15,8 @@ using velmora_test::TempDir;
 
 namespace {
 
-// Direct logs in "<temp>/log/PFX.SFX/"; log clients in "<temp>/clients/".
-class LogClients : public ::testing::Test {
+class LogClients : public LogFolderTest {
 protected:
-    void SetUp() override {
-        fs::create_directories(tmp.path() + "/log");
-        fs::create_directories(tmp.path() + "/clients");
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", (tmp.path() + "/clients").c_str(), 1), 0);
-        directory.localLogsFolder = tmp.path();
-        _G_Directory = &directory;
-        SetAppName("App");
-    }
-    void TearDown() override { _G_Directory = nullptr; }
-
-    std::string DirectFile(const std::string& name) const {
-        return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
-    }
-    std::string ClientFile(const std::string& name) const {
-        return tmp.path() + "/clients/App_" + name + ".log";
-    }
     // The indexes of the slots in use.
     static std::vector<int> UsedSlots() {
         std::vector<int> used;
@@ -41,9 +24,6 @@ protected:
             if (velmora.pLogClients[i] != nullptr) used.push_back(i);
         return used;
     }
-
-    TempDir tmp;
-    TestDirectory directory;
 };
 
 }  // namespace

@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -141,5 +143,51 @@ inline void CallPersistenceClose(CQuorelLog* pLog) {
     void (CQuorelLog::*pClose)() = &LogAccess::PersistenceClose;
     (pLog->*pClose)();
 }
+
+// The whole of a log's file, once everything handed to the log is in it; empty without a log.
+inline std::string LogTextOf(CQuorelLog* pLog) {
+    if (pLog == nullptr) return "";
+    pLog->FlushLog();
+    char szPath[MAX_PATH] = {};
+    pLog->GetFullLogPath(szPath, sizeof(szPath));
+    return velmora_test::ReadFile(szPath);
+}
+
+// The end of a text record of the calling thread, from the prefix on.
+inline std::string RecordEnd(const char* szPrefix, const std::string& msg) {
+    return std::string(";") + szPrefix + ";" + ThreadText() + ";" + msg + ";\r\n";
+}
+
+// A test whose direct logs go to "<temp>/log/PFX.SFX/" (the folder TestDirectory gives) and
+// whose log client writes into "<temp>/clients/"; the application is "App".
+class LogFolderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directories(tmp.path() + "/log");
+        std::filesystem::create_directories(ClientFolder());
+        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", ClientFolder().c_str(), 1), 0);
+        directory.localLogsFolder = tmp.path();
+        _G_Directory = &directory;
+        SetAppName("App");
+    }
+    void TearDown() override { _G_Directory = nullptr; }
+
+    std::string ClientFolder() const { return tmp.path() + "/clients"; }
+    std::string DirectFile(const std::string& name) const {
+        return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
+    }
+    std::string ClientFile(const std::string& name) const {
+        return ClientFolder() + "/App_" + name + ".log";
+    }
+    // A text log's content after its opening banner, which must be there.
+    static std::string AfterBanner(const std::string& content) {
+        std::string banner = TextRecord("START", StartBanner());
+        EXPECT_TRUE(MatchesPattern(content.substr(0, banner.size()), banner));
+        return content.size() < banner.size() ? std::string() : content.substr(banner.size());
+    }
+
+    velmora_test::TempDir tmp;
+    TestDirectory directory;
+};
 
 }  // namespace velmora_log_test

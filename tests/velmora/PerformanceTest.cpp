@@ -29,17 +29,12 @@ struct RecordingConsole : CPerformanceConsoleInf {
     }
 };
 
-// The default log is a log client in "<temp>/clients/"; profile logs are direct files in
-// "<temp>/log/PFX.SFX/".
-class Performance : public ::testing::Test {
+// The default log is a log client; profile logs are direct files.
+class Performance : public LogFolderTest {
 protected:
     void SetUp() override {
-        fs::create_directories(tmp.path() + "/log");
-        fs::create_directories(tmp.path() + "/clients");
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", (tmp.path() + "/clients").c_str(), 1), 0);
-        directory.localLogsFolder = tmp.path();
-        _G_Directory = &directory;
-        SetAppName("App");
+        LogFolderTest::SetUp();
+        if (HasFatalFailure()) return;
         globalDefaultLog = CallGetDefaultLog();
         ASSERT_NE(globalDefaultLog, nullptr);
         savedDebugLevel = debugLevel;
@@ -49,24 +44,17 @@ protected:
         velmora.SetPerformanceConsole(nullptr);
         velmora.EnableReportPerformance(false);
         globalDefaultLog = nullptr;
-        _G_Directory = nullptr;
+        LogFolderTest::TearDown();
     }
 
     // The default log after its opening banner.
     std::string DefaultBody() {
         CQuorelLog* pDefault = velmora.pLogClients[35];
         if (pDefault != nullptr) pDefault->FlushLog();
-        std::string content = ReadFile(tmp.path() + "/clients/App_default.log");
-        std::string banner = TextRecord("START", StartBanner());
-        EXPECT_TRUE(MatchesPattern(content.substr(0, banner.size()), banner));
-        return content.size() < banner.size() ? std::string() : content.substr(banner.size());
+        return AfterBanner(ReadFile(ClientFile("default")));
     }
-    std::string ProfileFile(const std::string& name) const {
-        return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
-    }
+    std::string ProfileFile(const std::string& name) const { return DirectFile(name); }
 
-    TempDir tmp;
-    TestDirectory directory;
     RecordingConsole console;
     int savedDebugLevel = 0;
 };

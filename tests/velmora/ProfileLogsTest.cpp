@@ -124,43 +124,30 @@ std::tuple<DWORD, DWORD, int> Slots(const CQuorelLog* pLog) {
 // records the client writes into PELTRIX_LOG_FOLDER. The profile logs are direct files in
 // "<temp>/log/PFX.SFX/", as direct carriers are.
 template <bool kDirect>
-class ProfileFixture : public ::testing::Test {
+class ProfileFixture : public LogFolderTest {
 protected:
     void SetUp() override {
-        fs::create_directories(tmp.path() + "/log");
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
-        directory.localLogsFolder = tmp.path();
-        _G_Directory = &directory;
-        SetAppName("App");
+        LogFolderTest::SetUp();
+        if (HasFatalFailure()) return;
         pCarrier = velmora.GetLogClient("carrier", true, kDirect, false);
         ASSERT_NE(pCarrier, nullptr);
         ASSERT_EQ(pCarrier->pClient == nullptr, kDirect);
     }
     void TearDown() override {
         if (pCarrier != nullptr) pCarrier->Close();
-        _G_Directory = nullptr;
+        LogFolderTest::TearDown();
     }
 
-    std::string FileOf(const std::string& name) const {
-        return tmp.path() + "/log/PFX.SFX/App_" + name + ".log";
-    }
-    std::string ClientCarrierFile() const { return clientFolder.path() + "/App_carrier.log"; }
+    std::string FileOf(const std::string& name) const { return DirectFile(name); }
+    std::string ClientCarrierFile() const { return ClientFile("carrier"); }
     // The carrier's file after its opening banner.
-    std::string CarrierBody() const {
-        std::string content = ReadFile(FileOf("carrier"));
-        std::string banner = TextRecord("START", StartBanner());
-        EXPECT_TRUE(MatchesPattern(content.substr(0, banner.size()), banner));
-        return content.size() < banner.size() ? std::string() : content.substr(banner.size());
-    }
+    std::string CarrierBody() const { return AfterBanner(ReadFile(FileOf("carrier"))); }
     // A record of the calling thread with no pause worth a mark in front of it.
     void LogNow(int nSlot, const char* szMsg) {
         pCarrier->dwProfileLastTick[nSlot] = GetTickInMilliSeconds();
         pCarrier->Log("P", szMsg);
     }
 
-    TempDir tmp;
-    TempDir clientFolder;
-    TestDirectory directory;
     CQuorelLog* pCarrier = nullptr;
     const DWORD me = GetCurrentThreadId();
 };

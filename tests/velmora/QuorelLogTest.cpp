@@ -26,19 +26,10 @@ namespace {
 // service gives, or log-client logs (QuorelLogClient), whose files the client writes into
 // PELTRIX_LOG_FOLDER.
 template <bool kDirect>
-class QuorelLogFixture : public ::testing::Test {
+class QuorelLogFixture : public LogFolderTest {
 protected:
-    void SetUp() override {
-        fs::create_directories(tmp.path() + "/log");
-        ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", clientFolder.path().c_str(), 1), 0);
-        directory.localLogsFolder = tmp.path();
-        _G_Directory = &directory;
-        SetAppName("App");
-    }
-    void TearDown() override { _G_Directory = nullptr; }
-
     std::string Folder() const {
-        return kDirect ? tmp.path() + "/log/PFX.SFX/" : clientFolder.path() + "/";
+        return kDirect ? tmp.path() + "/log/PFX.SFX/" : ClientFolder() + "/";
     }
     std::string FileOf(const std::string& name) const { return Folder() + "App_" + name + ".log"; }
     // A private log of the fixture's mode; a text log starts with its "START" banner.
@@ -46,16 +37,7 @@ protected:
         return velmora.GetLogClient(szName, bTextMode, kDirect, false);
     }
     // The file of a text log after its opening banner, which must be there.
-    std::string Body(const std::string& name) {
-        std::string content = ReadFile(FileOf(name));
-        std::string banner = TextRecord("START", StartBanner());
-        EXPECT_TRUE(MatchesPattern(content.substr(0, banner.size()), banner));
-        return content.size() < banner.size() ? std::string() : content.substr(banner.size());
-    }
-
-    TempDir tmp;
-    TempDir clientFolder;
-    TestDirectory directory;
+    std::string Body(const std::string& name) { return AfterBanner(ReadFile(FileOf(name))); }
 };
 using QuorelLogDirect = QuorelLogFixture<true>;
 using QuorelLogClient = QuorelLogFixture<false>;
@@ -474,7 +456,7 @@ TEST_F(QuorelLogClient, SessionMarkerFollowsEarlierRecords) {
     pLog->FlushLog();
     EXPECT_EQ(CountOf(ReadFile(FileOf("sess_S1")), "four"), 0);
     int found = 0;
-    for (const fs::directory_entry& entry : fs::directory_iterator(clientFolder.path()))
+    for (const fs::directory_entry& entry : fs::directory_iterator(ClientFolder()))
         found += CountOf(ReadFile(entry.path().string()), ";P;" + ThreadText() + ";four;\r\n");
     EXPECT_EQ(found, 1);
     pLog->Close();

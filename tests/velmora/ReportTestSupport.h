@@ -285,18 +285,11 @@ protected:
     }
 
     // The whole default log, once everything handed to it is in the file.
-    std::string LogText() {
-        if (pLog == nullptr) return "";
-        pLog->FlushLog();
-        char szPath[MAX_PATH] = {};
-        pLog->GetFullLogPath(szPath, sizeof(szPath));
-        return velmora_test::ReadFile(szPath);
-    }
+    std::string LogText() { return velmora_log_test::LogTextOf(pLog); }
 
     // The end of a text record of the calling thread, from the prefix on.
     static std::string Record(const char* szPrefix, const std::string& msg) {
-        return std::string(";") + szPrefix + ";" + velmora_log_test::ThreadText() + ";" + msg +
-               ";\r\n";
+        return velmora_log_test::RecordEnd(szPrefix, msg);
     }
     int CountRecords(const char* szPrefix, const std::string& msg) {
         return velmora_log_test::CountOf(LogText(), Record(szPrefix, msg));
