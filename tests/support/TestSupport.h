@@ -1,20 +1,17 @@
-// Helpers shared by the test suites.
-#pragma once
+#pragma once  // helpers shared by the test suites
 
 #include <string>
 #include <vector>
 
 namespace velmora_test {
 
-// A fresh folder for one test, removed again by the destructor. Folders live below
-// $VELMORA_TEST_TMP (set by the build) or the system's temporary folder.
+// A fresh folder for one test below $VELMORA_TEST_TMP or the temporary folder, removed by the destructor.
 class TempDir {
 public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return m_path; }  // without a trailing '/'
     std::string file(const std::string& name) const { return m_path + "/" + name; }
 
@@ -24,7 +21,6 @@ private:
 
 // A name no other test process uses at the same time (for machine-wide objects).
 std::string UniqueName(const std::string& stem);
-
 // The whole content of a file; empty if it can't be read.
 std::string ReadFile(const std::string& path);
 // The lines of a text, split at "\r\n" or "\n"; a last line without an end is kept.

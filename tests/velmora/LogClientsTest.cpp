@@ -1,200 +1,67 @@
-// The table of shared logs: slots, names, banners, the full table, failed opens, private
-// logs and the default log.
+// The table of shared logs: slots, names, the full table, START banners, failed opens, the default log.
 #include "LogTestSupport.h"
 
-#include <cstdlib>
-#include <filesystem>
+#include <atomic>
 #include <fstream>
 #include <thread>
-#include <vector>
 
-namespace fs = std::filesystem;
 using namespace velmora_log_test;
 using velmora_test::ReadFile;
-using velmora_test::TempDir;
+using LogClients = LogFolderTest;
 
-namespace {
-
-class LogClients : public LogFolderTest {
-protected:
-    // The indexes of the slots in use.
-    static std::vector<int> UsedSlots() {
-        std::vector<int> used;
-        for (int i = 0; i < 36; ++i)
-            if (velmora.pLogClients[i] != nullptr) used.push_back(i);
-        return used;
-    }
-};
-
-}  // namespace
-
-TEST_F(LogClients, SlotsFillFromTheTopAndNamesCompareWithAsciiCaseFolded) {
-    CQuorelLog* pOrders = velmora.GetLogClient("Orders", false, true, true);
-    ASSERT_NE(pOrders, nullptr);
-    EXPECT_EQ(velmora.pLogClients[35], pOrders);
-    CQuorelLog* pTrades = velmora.GetLogClient("Trades", false, true, true);
-    ASSERT_NE(pTrades, nullptr);
-    EXPECT_EQ(velmora.pLogClients[34], pTrades);
-    EXPECT_STREQ(pOrders->szAppName, "App");
-    EXPECT_STREQ(pOrders->szLogName, "Orders");
-    EXPECT_TRUE(pOrders->bPersistent);
-
-    EXPECT_EQ(velmora.GetLogClient("ORDERS", false, true, true), pOrders);
-    EXPECT_EQ(velmora.GetLogClient("orders", false, true, true), pOrders);
-    EXPECT_EQ(velmora.GetLogClient("tRADES", false, true, true), pTrades);
-
-    // Only ASCII letters fold: '[' and '{' differ by the case bit but aren't letters, and
-    // bytes above 127 are never folded.
-    CQuorelLog* pBracket = velmora.GetLogClient("log[1]", false, true, true);
-    CQuorelLog* pBrace = velmora.GetLogClient("LOG{1}", false, true, true);
-    CQuorelLog* pUpper = velmora.GetLogClient("\xC4x", false, true, true);
-    CQuorelLog* pLower = velmora.GetLogClient("\xE4x", false, true, true);
-    ASSERT_NE(pBracket, nullptr);
-    ASSERT_NE(pBrace, nullptr);
-    ASSERT_NE(pUpper, nullptr);
-    ASSERT_NE(pLower, nullptr);
-    EXPECT_NE(pBracket, pBrace);
-    EXPECT_NE(pUpper, pLower);
-    EXPECT_EQ(UsedSlots(), (std::vector<int>{30, 31, 32, 33, 34, 35}));
-}
-
-TEST_F(LogClients, EveryTextCallWritesABannerAndOtherFlagsGetTheLogAsMade) {
-    CQuorelLog* pText = velmora.GetLogClient("text", true, true, true);
-    ASSERT_NE(pText, nullptr);
-    EXPECT_EQ(velmora.GetLogClient("TEXT", true, true, true), pText);
-    EXPECT_EQ(velmora.GetLogClient("text", false, false, true), pText);  // no banner
-    EXPECT_TRUE(pText->bTextMode);
-    EXPECT_TRUE(pText->bDirectFile);
-    EXPECT_EQ(pText->pClient, nullptr);
-    std::string banner = TextRecord("START", StartBanner());
-    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("text")), banner + banner));
-
-    // A raw log asked for in text mode stays raw, and the banner comes in its raw form.
-    CQuorelLog* pRaw = velmora.GetLogClient("raw", false, true, true);
-    ASSERT_NE(pRaw, nullptr);
-    EXPECT_EQ(ReadFile(DirectFile("raw")), "");
-    EXPECT_EQ(velmora.GetLogClient("raw", true, false, true), pRaw);
-    EXPECT_FALSE(pRaw->bTextMode);
-    EXPECT_TRUE(pRaw->bDirectFile);
-    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("raw")), RawRecord("START", StartBanner())));
-    EXPECT_EQ(UsedSlots(), (std::vector<int>{34, 35}));
-}
-
-TEST_F(LogClients, FullTableRefusesNewNamesButFindsOldOnesAndMakesPrivateLogs) {
+// A name and the earlier one whose log it finds (-1: none): only ASCII letters fold, 63 characters count; a full table.
+TEST_F(LogClients, SlotsFillFromTheTopAndNamesFoldAsciiLettersOnly) {
+    const std::string name70 = "L" + std::string(69, 'x');
+    const std::vector<std::pair<std::string, int>> names = {{"Orders", -1}, {"Trades", -1}, {"ORDERS", 0}, {"tRADES", 1}, {"AZaz@", -1},
+        {"azAZ@", 4}, {"azAZ`", -1}, {"log[1]", -1}, {"LOG{1}", -1}, {"\xC4x", -1}, {"\xE4x", -1}, {name70, -1}, {"l" + std::string(62, 'X') + "Y", 11}};
     std::vector<CQuorelLog*> logs;
-    for (int i = 0; i < 36; ++i) {
-        std::string name = "n" + std::to_string(i);
-        CQuorelLog* pLog = velmora.GetLogClient(name.c_str(), false, true, true);
-        ASSERT_NE(pLog, nullptr) << name;
-        EXPECT_EQ(velmora.pLogClients[35 - i], pLog) << name;
-        logs.push_back(pLog);
+    int nSlot = 35;
+    for (const auto& [name, nSameAs] : names) {
+        logs.push_back(MustOpen(velmora.GetLogClient(name.c_str(), false, true, true)));
+        EXPECT_EQ(logs.back(), nSameAs < 0 ? velmora.pLogClients[nSlot--] : logs[size_t(nSameAs)]) << name;
     }
-    EXPECT_EQ(velmora.GetLogClient("n36", false, true, true), nullptr);
-    EXPECT_FALSE(fs::exists(DirectFile("n36")));
-    EXPECT_EQ(velmora.GetLogClient("N0", false, true, true), logs[0]);
-    EXPECT_EQ(velmora.GetLogClient("n35", false, true, true), logs[35]);
-
-    CQuorelLog* pPrivate = velmora.GetLogClient("n36", true, true, false);
-    ASSERT_NE(pPrivate, nullptr);
-    EXPECT_FALSE(pPrivate->bPersistent);
-    for (CQuorelLog* pLog : logs) EXPECT_NE(pLog, pPrivate);
-    pPrivate->Log("P", "private");
-    pPrivate->Close();
-    std::string content = ReadFile(DirectFile("n36"));
-    EXPECT_TRUE(MatchesPattern(content, TextRecord("START", StartBanner()) +
-                                            TextRecord("P", "private") +
-                                            TextRecord("SHUTDOWN", ShutdownBanner())));
-    for (int i = 0; i < 36; ++i) EXPECT_EQ(velmora.pLogClients[35 - i], logs[size_t(i)]);
+    logs[11]->Log("P", "m");
+    EXPECT_EQ(ReadFile(DirectFile(name70.substr(0, 63))), "P;m\r\n");
+    for (int i = 0; nSlot >= 0; ++i) EXPECT_EQ(MustOpen(velmora.GetLogClient(std::to_string(i).c_str(), false, true, true)), velmora.pLogClients[nSlot--]);
+    EXPECT_EQ(velmora.GetLogClient("new", false, true, true), nullptr);
+    EXPECT_EQ(velmora.GetLogClient("orders", false, true, true), logs[0]);
+    MustOpen(velmora.GetLogClient("new", true, true, false))->Close();
+    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("new")), TextRecord("START", StartBanner()) + TextRecord("SHUTDOWN", ShutdownBanner())));
 }
 
-TEST_F(LogClients, FailedOpenLeavesTheSlotFreeAndWritesNoBanner) {
-    // Folders below a regular file can't be made, so neither a file nor a client opens.
-    std::string blocker = tmp.path() + "/blocker";
-    std::ofstream(blocker) << "a regular file";
-    directory.localLogsFolder = blocker;
-    EXPECT_EQ(velmora.GetLogClient("direct", true, true, true), nullptr);
-    EXPECT_EQ(velmora.GetLogClient("direct", true, true, false), nullptr);
-    ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", (blocker + "/clients").c_str(), 1), 0);
+// A failed open leaves the slot free; a START banner for every text call, in the log's form; Close keeps a shared log.
+TEST_F(LogClients, BannersAndFailedOpens) {
+    std::ofstream(tmp.path() + "/blocker") << "a file";
+    directory.localLogsFolder = tmp.path() + "/blocker";  // no folder can be made below it
+    EXPECT_EQ(velmora.GetLogClient("text", true, true, true), nullptr);
+    ASSERT_EQ(setenv("PELTRIX_LOG_FOLDER", (tmp.path() + "/blocker/c").c_str(), 1), 0);
     EXPECT_EQ(velmora.GetLogClient("client", true, false, true), nullptr);
-    EXPECT_TRUE(UsedSlots().empty());
-
-    // The next call for the name tries again, and the first log takes the highest slot.
     directory.localLogsFolder = tmp.path();
-    CQuorelLog* pLog = velmora.GetLogClient("direct", true, true, true);
-    ASSERT_NE(pLog, nullptr);
-    EXPECT_EQ(UsedSlots(), std::vector<int>{35});
-    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("direct")), TextRecord("START", StartBanner())));
-}
-
-TEST_F(LogClients, DefaultLogIsSharedAndAPrivateDefaultIsANewObject) {
-    CQuorelLog* pDefault = CallGetDefaultLog();
-    ASSERT_NE(pDefault, nullptr);
-    EXPECT_EQ(velmora.pLogClients[35], pDefault);
-    EXPECT_TRUE(pDefault->bTextMode);
-    EXPECT_FALSE(pDefault->bDirectFile);
-    EXPECT_TRUE(pDefault->bPersistent);
-    EXPECT_NE(pDefault->pClient, nullptr);
-    EXPECT_EQ(CallGetDefaultLog(), pDefault);
-    EXPECT_EQ(globalDefaultLog, nullptr);  // GetDefaultLog doesn't set it
-    pDefault->FlushLog();
+    CQuorelLog *pText = MustOpen(velmora.GetLogClient("text", true, true, true)), *pRaw = MustOpen(velmora.GetLogClient("raw", false, true, true));
+    EXPECT_TRUE(velmora.GetLogClient("TEXT", true, false, true) == pText && velmora.GetLogClient("text", false, false, true) == pText);
+    EXPECT_EQ(velmora.GetLogClient("raw", true, true, true), pRaw);
+    EXPECT_TRUE(velmora.pLogClients[35] == pText && velmora.pLogClients[34] == pRaw);
+    pText->Close(), pText->Log("P", "after close");
     std::string banner = TextRecord("START", StartBanner());
-    EXPECT_TRUE(MatchesPattern(ReadFile(ClientFile("default")), banner + banner));
-
-    CQuorelLog* pPrivate = velmora.GetLogClient("default", true, false, false);
-    ASSERT_NE(pPrivate, nullptr);
-    EXPECT_NE(pPrivate, pDefault);
-    EXPECT_NE(pPrivate->pClient, nullptr);
-    EXPECT_NE(pPrivate->pClient, pDefault->pClient);
-    EXPECT_EQ(UsedSlots(), std::vector<int>{35});
-    pPrivate->Close();
-    EXPECT_EQ(velmora.pLogClients[35], pDefault);
-    EXPECT_EQ(pDefault->GetLongRawMsgThreshHold(), 738);
+    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("text")), banner + banner + TextRecord("P", "after close")));
+    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("raw")), "START;" + StartBanner() + "\r\n"));
 }
 
-TEST_F(LogClients, CloseOnASharedLogKeepsItInTheTableAndWriting) {
-    CQuorelLog* pLog = velmora.GetLogClient("kept", true, true, true);
-    ASSERT_NE(pLog, nullptr);
-    pLog->Close();
-    EXPECT_EQ(velmora.pLogClients[35], pLog);
-    EXPECT_EQ(velmora.GetLogClient("kept", false, true, true), pLog);
-    pLog->Log("P", "after close");
-    EXPECT_TRUE(MatchesPattern(ReadFile(DirectFile("kept")),
-                               TextRecord("START", StartBanner()) + TextRecord("P", "after close")));
-}
-
-TEST_F(LogClients, NamesLongerThan63AreCutAndFindTheirLogAgain) {
-    std::string app(70, 'A');
-    std::string name = "L" + std::string(69, 'x');
-    SetAppName(app);
-    CQuorelLog* pLog = velmora.GetLogClient(name.c_str(), false, true, true);
-    ASSERT_NE(pLog, nullptr);
-    EXPECT_EQ(std::string(pLog->szAppName), app.substr(0, 63));
-    EXPECT_EQ(std::string(pLog->szLogName), name.substr(0, 63));
-    pLog->Log("P", "m");
-    EXPECT_EQ(ReadFile(tmp.path() + "/log/PFX.SFX/" + app.substr(0, 63) + "_" +
-                       name.substr(0, 63) + ".log"),
-              "P;m\r\n");
-    // The name is compared as the log holds it: the same name, in either case, finds it.
-    EXPECT_EQ(velmora.GetLogClient(name.c_str(), false, true, true), pLog);
-    std::string upper = name;
-    for (char& c : upper) c = char(c == 'x' ? 'X' : c);
-    EXPECT_EQ(velmora.GetLogClient(upper.c_str(), false, true, true), pLog);
-    EXPECT_EQ(UsedSlots(), std::vector<int>{35});
-}
-
-TEST_F(LogClients, ThreadsAskingForOneNameShareOneLog) {
-    constexpr int kThreads = 8;
-    std::vector<CQuorelLog*> results(kThreads, nullptr);
+// "default" is one shared text client log for threads asking at once, a banner each; a private one is another object.
+TEST_F(LogClients, DefaultLogIsSharedByThreadsAskingAtOnce) {
+    std::vector<CQuorelLog*> results(16);
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&results, t] {
-            results[size_t(t)] = velmora.GetLogClient("together", true, false, true);
-        });
+    std::atomic<bool> bGo = false;  // all start at once
+    for (size_t t = 0; t < results.size(); ++t) threads.emplace_back([&, t] { while (!bGo) std::this_thread::yield(); results[t] = CallGetDefaultLog(); });
+    bGo = true;
     for (std::thread& thread : threads) thread.join();
-    ASSERT_NE(results[0], nullptr);
-    for (CQuorelLog* pLog : results) EXPECT_EQ(pLog, results[0]);
-    EXPECT_EQ(UsedSlots(), std::vector<int>{35});
-    results[0]->FlushLog();
-    // One banner for each call.
-    EXPECT_EQ(CountOf(ReadFile(ClientFile("together")), std::string(78, '*')), kThreads);
+    CQuorelLog* pDefault = MustOpen(results[0]);
+    EXPECT_EQ(results, std::vector<CQuorelLog*>(16, pDefault));
+    EXPECT_TRUE(velmora.pLogClients[35] == pDefault && velmora.pLogClients[34] == nullptr && globalDefaultLog == nullptr);
+    EXPECT_TRUE(pDefault->bTextMode && !pDefault->bDirectFile && pDefault->bPersistent);
+    EXPECT_EQ(CountOf(LogTextOf(pDefault), ";START;"), 16);
+    CQuorelLog* pPrivate = MustOpen(velmora.GetLogClient("default", true, false, false));
+    EXPECT_NE(pPrivate, pDefault);
+    pPrivate->Close();
+    EXPECT_EQ(velmora.pLogClients[34], nullptr);
 }

@@ -1,10 +1,6 @@
-// Helpers of the name lock tests: a way into the protected table operations, a consistent
-// picture of the table taken under its own mutex, the invariants of the table, and threads
-// that can be waited for with a bound so that no test hangs.
-//
-// No helper asserts that something happened within a short time. kLong bounds what has to
-// happen; kShort is only the time a thread is given before we check that it is still
-// blocked, which a slow machine can make pass vacuously but never fail.
+// Helpers of the name lock tests: the table operations, a picture of the table, its invariants, and
+// threads waited for with a bound. kLong bounds what has to happen; kShort is the time a thread is
+// given before we check that it is still blocked (a slow machine can make that pass, never fail).
 #pragma once
 
 #include "include/Velmora.h"
@@ -16,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,234 +21,104 @@
 namespace velmora_namelock_test {
 
 using namespace std::chrono_literals;
+constexpr std::chrono::milliseconds kLong = 20s, kShort = 150ms;
 
-constexpr std::chrono::milliseconds kLong = 20s;
-constexpr std::chrono::milliseconds kShort = 150ms;
+struct NameLockProbe : CNameLock { using CNameLock::CNameLock, CNameLock::AcquireName, CNameLock::ReleaseName; };
 
-// The manager with its table operations reachable.
-class NameLockProbe : public CNameLock {
-public:
-    using CNameLock::CNameLock;
-    using CNameLock::AcquireName;
-    using CNameLock::ReleaseName;
-};
-
-struct NameEntry {
-    _tagNameLock* pRecord;
-    int nUsers;
-    bool operator==(const NameEntry&) const = default;
-};
-
-// What the table holds at one moment.
-struct TableSnapshot {
-    std::vector<_tagNameLock*> freeList;  // from the head
-    std::vector<_tagNameLock*> usedList;  // from the head
-    std::map<std::string, NameEntry> names;
-    bool operator==(const TableSnapshot&) const = default;
-};
-
-// Runs fn while holding the table mutex, so that the table is read as its operations leave
-// it and with a happens-before edge to them.
+// Runs fn holding the table mutex, so that the table is read as its operations leave it.
 template <class Fn>
 auto UnderTableMutex(CNameLock& lock, Fn fn) {
     EXPECT_EQ(WaitForSingleObject(lock.hTableMutex, INFINITE), WAIT_OBJECT_0);
-    struct Release {
-        HANDLE h;
-        ~Release() { ReleaseMutex(h); }
-    } release{lock.hTableMutex};
+    std::unique_ptr<void, BOOL (*)(HANDLE)> release(lock.hTableMutex, ReleaseMutex);
     return fn();
 }
 
+struct TableSnapshot {
+    std::vector<_tagNameLock*> freeList;                         // from the head
+    std::map<std::string, std::pair<_tagNameLock*, int>> names;  // record and users
+    bool operator==(const TableSnapshot&) const = default;
+};
 inline TableSnapshot Snapshot(CNameLock& lock) {
     return UnderTableMutex(lock, [&] {
-        TableSnapshot s;
-        // Bounded walks: a cycle in a broken list must not hang the test.
-        for (_tagNameLock* p = lock.pFreeList; p && s.freeList.size() < 10000; p = p->pNext)
-            s.freeList.push_back(p);
-        for (_tagNameLock* p = lock.pUsedList; p && s.usedList.size() < 10000; p = p->pNext)
-            s.usedList.push_back(p);
-        for (const auto& [name, p] : lock.mapNames) s.names[name] = NameEntry{p, p->nUsers};
+        TableSnapshot s;  // bounded walks: a cycle in a broken list must not hang the test
+        for (_tagNameLock* p = lock.pFreeList; p && s.freeList.size() < 999; p = p->pNext) s.freeList.push_back(p);
+        for (const auto& [name, p] : lock.mapNames) s.names[name] = {p, p->nUsers};
         return s;
     });
 }
+inline int UsersOf(CNameLock& lock, const std::string& name) { return Snapshot(lock).names[name].second; }
 
-// Users of a name, 0 when it isn't in the table.
-inline int UsersOf(CNameLock& lock, const std::string& name) {
-    TableSnapshot s = Snapshot(lock);
-    auto it = s.names.find(name);
-    return it == s.names.end() ? 0 : it->second.nUsers;
-}
-
-inline _tagNameLock* RecordOf(CNameLock& lock, const std::string& name) {
-    TableSnapshot s = Snapshot(lock);
-    auto it = s.names.find(name);
-    return it == s.names.end() ? nullptr : it->second.pRecord;
-}
-
-// Every invariant of the table, for a pool built with nCount records.
+// The table's invariants for a pool of nCount: each record once on one list, back links right; free
+// records without users and name; each used one with users, of one name, named its first 63 characters.
 inline ::testing::AssertionResult TableIsConsistent(CNameLock& lock, int nCount) {
     return UnderTableMutex(lock, [&]() -> ::testing::AssertionResult {
+        std::map<_tagNameLock*, std::string> mapped;
+        for (const auto& [name, p] : lock.mapNames) mapped[p] = name.substr(0, 63);
         std::set<_tagNameLock*> seen;
-        size_t nFree = 0, nUsed = 0;
-        auto walk = [&](_tagNameLock* pHead, bool bFree,
-                        size_t* pSize) -> ::testing::AssertionResult {
-            const char* list = bFree ? "free list" : "used list";
-            _tagNameLock* pPrev = nullptr;
-            for (_tagNameLock* p = pHead; p; pPrev = p, p = p->pNext) {
-                if (!seen.insert(p).second)
-                    return ::testing::AssertionFailure() << "record met twice, on the " << list;
-                if (p->pPrev != pPrev)
-                    return ::testing::AssertionFailure() << "broken back link on the " << list;
-                ++*pSize;
-                if (bFree) {
-                    if (p->nUsers != 0 || p->szName[0] != '\0')
-                        return ::testing::AssertionFailure()
-                               << "free record with users " << p->nUsers << " and name '"
-                               << p->szName << "'";
-                } else {
-                    if (p->nUsers < 1)
-                        return ::testing::AssertionFailure() << "used record without users";
-                    bool bMapped = false;
-                    for (const auto& [name, pMapped] : lock.mapNames)
-                        if (pMapped == p) {
-                            bMapped = true;
-                            if (name.substr(0, 63) != p->szName)
-                                return ::testing::AssertionFailure()
-                                       << "record named '" << p->szName << "' mapped as '"
-                                       << name << "'";
-                        }
-                    if (!bMapped)
-                        return ::testing::AssertionFailure() << "used record not in the map";
-                }
+        size_t nUsed = 0;
+        for (bool bFree : {true, false}) {
+            for (_tagNameLock *p = bFree ? lock.pFreeList : lock.pUsedList, *pPrev = nullptr; p; pPrev = p, p = p->pNext) {
+                nUsed += !bFree;
+                const bool bRight = bFree ? p->nUsers == 0 && !p->szName[0] && !mapped.count(p)
+                                          : p->nUsers > 0 && mapped.count(p) && mapped[p] == p->szName;
+                if (!seen.insert(p).second || p->pPrev != pPrev || !bRight)
+                    return ::testing::AssertionFailure() << "record '" << p->szName << "', " << p->nUsers << " users, free " << bFree;
             }
-            return ::testing::AssertionSuccess();
-        };
-        if (auto r = walk(lock.pFreeList, true, &nFree); !r) return r;
-        if (auto r = walk(lock.pUsedList, false, &nUsed); !r) return r;
-        if (nUsed != lock.mapNames.size())
-            return ::testing::AssertionFailure()
-                   << nUsed << " used records for " << lock.mapNames.size() << " names";
-        for (const auto& [name, p] : lock.mapNames)
-            if (!seen.count(p))
-                return ::testing::AssertionFailure() << "'" << name << "' maps off the lists";
-        if (int(nFree + lock.mapNames.size()) != nCount)
-            return ::testing::AssertionFailure() << nFree << " free records and "
-                                                 << lock.mapNames.size() << " names, pool of "
-                                                 << nCount;
+        }
+        if (seen.size() != size_t(nCount) || nUsed != lock.mapNames.size() || mapped.size() != nUsed)
+            return ::testing::AssertionFailure() << seen.size() << " records, " << nUsed << " used, " << lock.mapNames.size() << " names";
         return ::testing::AssertionSuccess();
     });
 }
 
 // Whether a manual-reset event is signalled; looking doesn't change it.
 inline bool IsSignalled(HANDLE hEvent) { return WaitForSingleObject(hEvent, 0) == WAIT_OBJECT_0; }
-
-// Whether some other thread holds a record's hLock. Taking it in passing gives it straight
-// back.
+// Whether another thread holds a record's hLock; taking it in passing gives it straight back.
 inline bool HeldByAnother(HANDLE hLock, bool bUseMutex) {
-    if (WaitForSingleObject(hLock, 0) != WAIT_OBJECT_0) return true;
-    if (bUseMutex)
-        ReleaseMutex(hLock);
-    else
-        ReleaseSemaphore(hLock, 1, nullptr);
-    return false;
-}
-
-// nReaders and bWriter of a record, read under its state mutex.
-struct ReaderState {
-    int nReaders;
-    int bWriter;
-};
-inline ReaderState StateOf(_tagNameLock* pRecord) {
-    EXPECT_EQ(WaitForSingleObject(pRecord->hStateMutex, INFINITE), WAIT_OBJECT_0);
-    ReaderState s{pRecord->nReaders,
-                  std::atomic_ref<int>(pRecord->bWriter).load(std::memory_order_acquire)};
-    ReleaseMutex(pRecord->hStateMutex);
-    return s;
+    return WaitForSingleObject(hLock, 0) != WAIT_OBJECT_0 || !(bUseMutex ? ReleaseMutex(hLock) : ReleaseSemaphore(hLock, 1, nullptr));
 }
 
 // Polls until pred holds; false if it still doesn't after the bound.
 template <class Pred>
 bool WaitUntil(Pred pred, std::chrono::milliseconds bound = kLong) {
-    const auto end = std::chrono::steady_clock::now() + bound;
-    for (;;) {
-        if (pred()) return true;
+    for (auto end = std::chrono::steady_clock::now() + bound; !pred(); std::this_thread::sleep_for(1ms))
         if (std::chrono::steady_clock::now() >= end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
+    return true;
 }
 
-// A function on a thread of its own. A thread that hasn't finished when the Worker goes (the
-// test has failed by then) is left behind, so that the test ends instead of hanging.
-template <class R>
+// A call on a thread of its own; one still running when the Worker goes (a failed test) is left behind.
 class Worker {
 public:
-    explicit Worker(std::function<R()> fn) {
-        std::packaged_task<R()> task(std::move(fn));
-        m_result = task.get_future().share();
-        m_thread = std::thread(std::move(task));
+    explicit Worker(std::function<bool()> fn) : m_task(std::move(fn)), m_result(m_task.get_future().share()) {
+        m_thread = std::thread(std::move(m_task));
     }
-    ~Worker() {
-        if (!m_thread.joinable()) return;
-        if (Done(0ms))
-            m_thread.join();
-        else
-            m_thread.detach();
+    ~Worker() { Done(0ms) ? m_thread.join() : m_thread.detach(); }
+    bool Done(std::chrono::milliseconds within) { return m_result.wait_for(within) == std::future_status::ready; }
+    ::testing::AssertionResult Returns(bool bExpected) {  // whether the call came back within kLong with bExpected
+        if (!Done(kLong)) return ::testing::AssertionFailure() << "the call didn't come back";
+        return m_result.get() == bExpected ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "it returned " << !bExpected;
     }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
-
-    bool Done(std::chrono::milliseconds within) {
-        return m_result.wait_for(within) == std::future_status::ready;
-    }
-    // The result; waits for it, so call once Done.
-    R Get() { return m_result.get(); }
 
 private:
-    std::shared_future<R> m_result;
+    std::packaged_task<bool()> m_task;
+    std::shared_future<bool> m_result;
     std::thread m_thread;
 };
 
-// A thread that takes a lock, tells whether it got it, holds it until told, and then gives
-// it back on the same thread (as a mutex-kind lock requires).
-class Holder {
-public:
-    Holder(std::function<bool()> lock, std::function<void()> unlock)
-        : m_go(m_release.get_future()),
-          m_lockedResult(m_locked.get_future().share()),
-          m_worker([this, lock = std::move(lock), unlock = std::move(unlock)] {
-              bool bLocked = lock();
-              m_locked.set_value(bLocked);
-              if (bLocked) {
-                  // Bounded, so that a failed test's holder still lets go.
-                  m_go.wait_for(kLong);
-                  unlock();
-              }
-              return bLocked;
+// A write lock (TryLockName, -1: no limit) held on a thread of its own until Release, and given back there.
+struct Holder {
+    Holder(CNameLock& lock, std::string name, int nTimeout = -1)
+        : worker([&lock, name, nTimeout, this] {
+              bLocked = lock.TryLockName(name.c_str(), nTimeout), bReturned = true;
+              if (bLocked) WaitUntil([&] { return bRelease.load(); }), lock.UnlockName(name.c_str());
+              return bLocked.load();
           }) {}
-    ~Holder() { Release(); m_worker.Done(kLong); }
-
-    // True once the lock call has returned, whatever it returned.
-    bool Returned(std::chrono::milliseconds within) {
-        return m_lockedResult.wait_for(within) == std::future_status::ready;
-    }
-    // What the lock call returned; waits for it, so call after Returned.
-    bool Locked() { return m_lockedResult.get(); }
-    // Tells the holder to unlock; true once it has.
-    bool Release(std::chrono::milliseconds within = kLong) {
-        if (!m_released) {
-            m_released = true;
-            m_release.set_value();
-        }
-        return m_worker.Done(within);
-    }
-
-private:
-    std::promise<void> m_release;
-    std::future<void> m_go;
-    std::promise<bool> m_locked;
-    std::shared_future<bool> m_lockedResult;
-    bool m_released = false;
-    Worker<bool> m_worker;  // last: its thread uses everything above
+    ~Holder() { Release(); }
+    bool Returned(std::chrono::milliseconds within) { return WaitUntil([&] { return bReturned.load(); }, within); }
+    bool Locked() { return Returned(kLong) && bLocked; }
+    bool Release() { return bRelease = true, worker.Done(kLong); }  // true once it has unlocked
+    std::atomic<bool> bLocked{false}, bReturned{false}, bRelease{false};
+    Worker worker;  // last: its thread uses everything above
 };
 
 }  // namespace velmora_namelock_test

@@ -1,198 +1,58 @@
-// The shell's door: lookup, refusals, the repeat and grep tails, the echo, the bookkeeping
-// of the last repeatable command and the gates a running command sets.
+// The shell's door: refusals, the echo, the repeat and grep tails, the last repeatable command, the gates.
 #include "DispatchTestSupport.h"
 
-using velmora_shell_test::ShellFixture;
+using ShellDispatch = velmora_shell_test::ShellFixture;
 
-namespace {
-std::string Text(size_t n) { return std::string(n, 'x'); }
-}  // namespace
-
-using ShellDispatch = ShellFixture;
-
-TEST_F(ShellDispatch, ALocalCommandIsEchoedAndDeliveredWithItsGates) {
+// Unknown words, local-only words from a source, 512-character arguments leave no trace; the rest is echoed.
+TEST_F(ShellDispatch, CommandsAreEchoedAndDeliveredOrRefusedWithoutATrace) {
     Subscribe();
-    velmora.ShellCommand(nullptr, "sp", nullptr);
-    EXPECT_EQ(Echoes(), (std::vector<std::string>{"localhost >> sp\n"}));
-    auto d = module.Deliveries();
-    ASSERT_EQ(d.size(), 1u);
-    EXPECT_EQ(d[0].source, "localhost");
-    EXPECT_EQ(d[0].nCommand, 1);
-    EXPECT_FALSE(d[0].bBackground);
-    EXPECT_EQ(d[0].arguments, "");
-    // While the command ran, it was this thread's.
-    EXPECT_EQ(d[0].dwShellThreadId, GetCurrentThreadId());
-    EXPECT_TRUE(d[0].bInShellCommand);
-    // ...and the gates are open again afterwards.
-    EXPECT_EQ(velmora.dwShellThreadId, 0u);
-    EXPECT_FALSE(velmora.bInShellCommand);
-    EXPECT_EQ(velmora.nLastCommand, 0);
-    EXPECT_STREQ(velmora.szLastSource, "localhost");
-
-    // An empty argument text takes the two-value form of the echo.
-    velmora.ShellCommand(nullptr, "sp", "");
-    velmora.ShellCommand("desk7", "fd", "EURUSD");
-    velmora.ShellCommand("desk7", "counter", nullptr);
-    EXPECT_EQ(Echoes(), (std::vector<std::string>{"localhost >> sp\n", "localhost >> sp \n",
-                                                  "desk7 >> fd EURUSD\n", "desk7 >> counter\n"}));
-    EXPECT_EQ(module.Deliveries().back().source, "desk7");
-}
-
-TEST_F(ShellDispatch, RefusedCommandsLeaveNoTrace) {
-    Subscribe();
+    const std::string x511(511, 'x');
+    auto last = [] { return std::to_string(velmora.nLastCommand) + "|" + velmora.szLastArguments + "|" + velmora.szLastSource; };
+    velmora.ShellCommand("HostA", "depth", "-book 5 repeat");
     velmora.ShellCommand(nullptr, "nosuch", "-a");
-    velmora.ShellCommand(nullptr, "", nullptr);
     for (const char* word : {"ping", "runtime", "config"}) velmora.ShellCommand("remote", word, nullptr);
     velmora.ShellCommand("", "ping", nullptr);  // an empty source is a source
-    velmora.ShellCommand(nullptr, "snapshot", Text(512).c_str());
-    EXPECT_TRUE(Echoes().empty());
-    EXPECT_TRUE(module.Deliveries().empty());
-    EXPECT_TRUE(module.StatusPrints().empty());
-
-    velmora.ShellCommand(nullptr, "snapshot", Text(511).c_str());
-    velmora.ShellCommand(nullptr, "ping", nullptr);
-    ASSERT_EQ(module.Deliveries().size(), 2u);
-    EXPECT_EQ(module.Deliveries()[0].arguments, Text(511));
-    EXPECT_EQ(module.Deliveries()[1].nCommand, 4);
+    velmora.ShellCommand(nullptr, "snapshot", (x511 + "x").c_str());
+    EXPECT_EQ(last(), "4|-book 5|HostA");
+    velmora.ShellCommand(nullptr, "sp", nullptr), velmora.ShellCommand(nullptr, "sp", "");
+    velmora.ShellCommand("desk7", "fd", "EURUSD");
+    EXPECT_EQ(last(), "-1||");
+    velmora.ShellCommand("desk7", "counter", nullptr), velmora.ShellCommand(nullptr, "ping", x511.c_str());
+    EXPECT_EQ(last(), "3|" + x511 + "|localhost");
+    EXPECT_EQ(Echoes(), (std::vector<std::string>{"HostA >> depth -book 5 repeat\n", "localhost >> sp\n", "localhost >> sp \n",
+                                                  "desk7 >> fd EURUSD\n", "desk7 >> counter\n", "localhost >> ping " + x511 + "\n"}));
+    std::string seen;  // source, command, arguments, and whether the gates were this thread's
+    for (const auto& d : module.Deliveries())
+        seen += d.source + "#" + std::to_string(d.nCommand) + (d.bBackground ? "b" : "") + ":" + d.arguments.substr(0, 6) +
+                (d.dwShellThreadId == GetCurrentThreadId() && d.bInShellCommand ? " " : "! ");
+    EXPECT_EQ(seen, "HostA#5:-book  localhost#1: localhost#1: desk7#2:EURUSD desk7#3: localhost#4:xxxxxx ");
+    EXPECT_EQ(std::pair(velmora.dwShellThreadId, velmora.bInShellCommand), std::pair(DWORD(0), false));
+    EXPECT_TRUE(velmora.mapCommandRepeats.empty());  // a tail without options starts nothing
 }
 
-TEST_F(ShellDispatch, TheRepeatWordSplitsTheArguments) {
+// " repeat" (else "repeat") or " grep" cut the arguments; the pattern filters the command's reports only.
+TEST_F(ShellDispatch, TheRepeatAndGrepTailsSplitTheArguments) {
     Subscribe();
-    struct Case {
-        const char* word;
-        const char* arguments;
-        const char* delivered;
-    } const cases[] = {
-        {"snapshot", "-a repeat -i=5000 -b", "-a"},
-        {"snapshot", "repeat -i=5000", ""},
-        {"snapshot", "-a repeat", "-a"},
-        {"feed", "-a repeat -i=5000", "-a"},
-        {"snapshot", "-file=repeat.txt", "-file="},
-        {"snapshot", "-a REPEAT -i=5", "-a REPEAT -i=5"},
-        {"snapshot", "-a repeat -i=5000 grep abc", "-a"},
-        {"snapshot", "-a grep \"repeat\"", "-a grep \""},
-    };
-    for (const Case& c : cases) velmora.ShellCommand(nullptr, c.word, c.arguments);
-    auto d = module.Deliveries();
-    ASSERT_EQ(d.size(), std::size(cases));
-    for (size_t i = 0; i < d.size(); ++i) {
-        EXPECT_EQ(d[i].arguments, cases[i].delivered) << cases[i].arguments;
-        EXPECT_EQ(d[i].grepText, "") << cases[i].arguments;  // a repeat word means no grep
-    }
-    // The echo shows the arguments whole, tails included.
-    EXPECT_EQ(Echoes()[0], "localhost >> snapshot -a repeat -i=5000 -b\n");
-    EXPECT_STREQ(velmora.szLastArguments, "-a grep \"");
-    EXPECT_STREQ(velmora.szGrepPending, "");
-}
-
-TEST_F(ShellDispatch, GrepPatternsFilterTheCommandsReportsButNotTheEcho) {
-    Subscribe();
-    struct Case {
-        const char* arguments;
-        const char* delivered;
-        const char* pattern;
-    } const cases[] = {
-        {"-a grep abc def", "-a", "abc def"},
-        {"-a grep \"abc def\" xyz", "-a", "abc def"},
-        {"-a grep \"abc", "-a", ""},
-        {"-a grep", "-a", ""},
-        {"-a grepabc", "-a", "bc"},
-        {"grep abc", "grep abc", ""},
-    };
+    const std::string p400(400, 'p');
+    struct Case { const char* szWord; std::string arguments, delivered, pattern; } const cases[] = {
+        {"feed", "-a repeat -i=0 -b", "-a", ""}, {"snapshot", "repeat -i=0", "", ""}, {"snapshot", "-file=repeat.txt", "-file=", ""},
+        {"snapshot", "-a REPEAT -i=5", "-a REPEAT -i=5", ""}, {"snapshot", "-a repeat -i=0 grep abc", "-a", ""},
+        {"snapshot", "-a grep \"repeat\"", "-a grep \"", ""}, {"depth", "-a grep abc def", "-a", "abc def"},
+        {"depth", "-a grep \"abc def\" xyz", "-a", "abc def"}, {"depth", "-a grep \"abc", "-a", ""}, {"depth", "-a grep", "-a", ""},
+        {"depth", "-a grepabc", "-a", "bc"}, {"depth", "grep abc", "grep abc", ""}, {"depth", "-a grep " + p400, "-a", p400.substr(0, 255)}};
     for (const Case& c : cases) {
-        velmora.ShellCommand(nullptr, "depth", c.arguments);
-        auto d = module.Deliveries().back();
-        EXPECT_EQ(d.arguments, c.delivered) << c.arguments;
-        EXPECT_EQ(d.grepText, c.pattern) << c.arguments;
-        EXPECT_STREQ(velmora.szGrepPending, c.pattern) << c.arguments;  // it outlives the command
-        EXPECT_STREQ(velmora.szGrepText, "");
+        velmora.ShellCommand(nullptr, c.szWord, c.arguments.c_str());
+        const velmora_shell_test::Delivery d = module.Deliveries().back();
+        EXPECT_EQ(d.arguments + "|" + d.grepText + "|" + velmora.szGrepPending + "|" + velmora.szGrepText,
+                  c.delivered + "|" + c.pattern + "|" + c.pattern + "|") << c.arguments;
     }
-
-    // Reports of the module pass the console only with the pattern; shell output always.
     module.onCommand = [](const velmora_shell_test::Delivery&) {
-        velmora.LogReport(Report_Types::REPORT_DEBUG, "level EURUSD 1.0845");
-        velmora.LogReport(Report_Types::REPORT_DEBUG, "level GBPUSD 1.2710");
-        velmora.FSLogReport(nullptr, false, "answer GBPUSD 1.2710");
+        velmora.LogReport(Report_Types::REPORT_DEBUG, "EURUSD 1.08"), velmora.LogReport(Report_Types::REPORT_DEBUG, "GBPUSD 1.27");
+        std::thread([] { velmora.LogReport(Report_Types::REPORT_DEBUG, "EURUSD from another thread"); }).join();
     };
     console.calls.clear();
     velmora.ShellCommand(nullptr, "depth", "-all grep EURUSD");
-    std::vector<std::string> texts;
-    for (const auto& call : console.Calls())
-        texts.push_back(call.nType == Report_Types::REPORT_FS_OUTPUT ? call.text : call.text.substr(21));
-    EXPECT_EQ(texts, (std::vector<std::string>{"localhost >> depth -all grep EURUSD\n",
-                                               "level EURUSD 1.0845", "answer GBPUSD 1.2710"}));
-
-    // A refused command empties the pending pattern too.
-    velmora.ShellCommand(nullptr, "nosuch", nullptr);
+    EXPECT_EQ(console.Texts(), (std::vector<std::string>{"localhost >> depth -all grep EURUSD\n", "EURUSD 1.08"}));
+    velmora.ShellCommand(nullptr, "nosuch", nullptr);  // a refused command empties the pending pattern too
     EXPECT_STREQ(velmora.szGrepPending, "");
-}
-
-TEST_F(ShellDispatch, OtherThreadsStayOffTheConsoleWhileACommandRuns) {
-    Subscribe();
-    module.onCommand = [](const velmora_shell_test::Delivery&) {
-        std::thread other([] { velmora.LogReport(Report_Types::REPORT_DEBUG, "from another thread"); });
-        other.join();
-        velmora.LogReport(Report_Types::REPORT_DEBUG, "from the command");
-    };
-    velmora.ShellCommand(nullptr, "sp", nullptr);
-    EXPECT_EQ(console.Texts(), (std::vector<std::string>{"localhost >> sp\n", "from the command"}));
-    // Both reached the log.
-    EXPECT_NE(LogText().find(";[Debug];"), std::string::npos);
-    EXPECT_NE(LogText().find(";from another thread;\r\n"), std::string::npos);
-}
-
-TEST_F(ShellDispatch, LastRepeatableCommandBookkeeping) {
-    Subscribe();
-    velmora.ShellCommand("HostA", "depth", "-book 5");
-    EXPECT_EQ(velmora.nLastCommand, 4);
-    EXPECT_STREQ(velmora.szLastArguments, "-book 5");
-    EXPECT_STREQ(velmora.szLastSource, "HostA");
-    // A refused command leaves it; a non-repeatable one that runs clears it.
-    velmora.ShellCommand("HostA", "ping", nullptr);
-    EXPECT_EQ(velmora.nLastCommand, 4);
-    velmora.ShellCommand(nullptr, "feed", "-x");
-    EXPECT_EQ(velmora.nLastCommand, -1);
-    EXPECT_STREQ(velmora.szLastArguments, "");
-    EXPECT_STREQ(velmora.szLastSource, "");
-    // "repeat" then finds nothing to repeat.
-    velmora.ShellCommand(nullptr, "repeat", "-i=100");
-    EXPECT_TRUE(velmora.mapCommandRepeats.empty());
-}
-
-TEST_F(ShellDispatch, RuntimeAndConfigRunWithoutSubscribers) {
-    velmora.ShellCommand(nullptr, "runtime", "INI repeat -i=100");
-    EXPECT_TRUE(velmora.bRuntimeStatusToIni);
-    EXPECT_TRUE(velmora.mapCommandRepeats.empty());  // no subscribers: the tail is ignored
-    velmora.ShellCommand(nullptr, "rt", nullptr);
-    EXPECT_FALSE(velmora.bRuntimeStatusToIni);
-    velmora.SetReportLevel(3);
-    velmora.ShellCommand(nullptr, "config", "-RELOAD");
-    EXPECT_EQ(velmora.nReportLevel, 22);  // reloaded to its default
-    // Only the first echo reached the console: the echo of "rt" came while the status print
-    // still went to the status file only, and that of "config" was above level 3.
-    EXPECT_EQ(Echoes(), (std::vector<std::string>{"localhost >> runtime INI repeat -i=100\n"}));
-}
-
-TEST_F(ShellDispatch, OverLongSourcesAndPatternsAreCutToTheirMembers) {
-    Subscribe();
-    std::string source(300, 's');
-    std::string pattern(400, 'p');
-    velmora.ShellCommand(source.c_str(), "sp", ("-a grep " + pattern).c_str());
-    EXPECT_EQ(std::string(velmora.szLastSource), source.substr(0, 127));
-    EXPECT_EQ(std::string(velmora.szGrepPending), pattern.substr(0, 255));
-    ASSERT_EQ(module.Deliveries().size(), 1u);
-    EXPECT_EQ(module.Deliveries()[0].source, source);  // delivered as it came
-}
-
-TEST_F(ShellDispatch, AThrowingModuleDoesNotLeaveTheGatesSet) {
-    Subscribe();
-    module.onCommand = [](const velmora_shell_test::Delivery&) { throw win32_exception("module failed"); };
-    EXPECT_THROW(velmora.ShellCommand(nullptr, "sp", "-a grep x"), win32_exception);
-    EXPECT_EQ(velmora.dwShellThreadId, 0u);
-    EXPECT_FALSE(velmora.bInShellCommand);
-    EXPECT_STREQ(velmora.szGrepText, "");
-    // Another thread's reports reach the console again.
-    std::thread other([] { velmora.LogReport(Report_Types::REPORT_DEBUG, "after"); });
-    other.join();
-    EXPECT_EQ(console.Texts().back(), "after");
 }
